@@ -1,0 +1,15 @@
+#ifndef NK_PROTOCOL_ALL_H
+#define NK_PROTOCOL_ALL_H
+
+// The whole interface: the support layer, the message layer and the telegram layer.
+#include "nkSupport.h"
+
+#include "nkExport.h"
+#include "nk_message.h"
+#include "nk_messageGeneric.h"
+#include "nk_messageShutdown.h"
+#include "nk_messageTime.h"
+#include "nk_serializer.h"
+#include "tVector.h"
+
+#endif

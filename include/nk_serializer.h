@@ -1,0 +1,49 @@
+#ifndef NK_SERIALIZER_H
+#define NK_SERIALIZER_H
+
+#include "nkExport.h"
+#include "tBlob.h"
+#include "tString.h"
+
+// The binary codec of the message layer: a byte buffer with a read position. Each field
+// call either appends the value (SER_WRITE) or reads it at the read position (SER_READ).
+// Integers are little-endian; strings and blobs are a u32 byte count and the bytes.
+class NK_API nk_serializer : public tBlob
+{
+public:
+    enum teSerDirection
+    {
+        SER_READ = 0,
+        SER_WRITE = 1,
+    };
+
+    nk_serializer() = default;
+    // Parses a copy of blob's bytes; the caller's blob is not changed. Null gives an empty one.
+    explicit nk_serializer(tBlob* blob) : tBlob(blob) {}
+    ~nk_serializer() override = default;
+
+    // Every direction other than SER_READ writes.
+    bool u8(unsigned char& v, teSerDirection d);
+    bool i8(signed char& v, teSerDirection d);
+    bool u16(unsigned short& v, teSerDirection d);
+    bool i16(short& v, teSerDirection d);
+    bool u32(unsigned int& v, teSerDirection d);
+    bool u64(unsigned long long& v, teSerDirection d);
+    bool string(tString& s, teSerDirection d);
+    bool blob(tBlob& b, teSerDirection d);
+
+    // Empties the buffer and rewinds, for building a new message in the same object.
+    void clearSer();
+
+    unsigned int readPosition() const { return m_readPos; }
+    unsigned int remaining() const { return size() - m_readPos; }
+
+private:
+    template <typename T> bool fixed(T& v, teSerDirection d);
+    // Reads the u32 count of a string or blob and checks the bytes are there.
+    bool lengthPrefix(unsigned int& n);
+
+    unsigned int m_readPos = 0;
+};
+
+#endif

@@ -1,0 +1,26 @@
+#ifndef NK_TCOMPRESSION_H
+#define NK_TCOMPRESSION_H
+
+#include "tBlob.h"
+
+// Two compressed forms, each starting with the decoded length as u32 little-endian:
+// PackBits RLE and canonical Huffman (see docs/wire-format.md). Decoders give an empty
+// result on any inconsistency.
+class NKS_API tCompression
+{
+public:
+    static tBlob encodeRLE(tBlob const& in);
+    static tBlob decodeRLE(tBlob const& in);
+    static tBlob encodeHuffman(tBlob const& in);
+    static tBlob decodeHuffman(tBlob const& in);
+
+    // The same decoders with an explicit result: true and the content in out, or false.
+    static bool decodeRLE(tBlob const& in, tBlob& out);
+    static bool decodeHuffman(tBlob const& in, tBlob& out);
+
+    // The exact sizes encodeRLE and encodeHuffman would give, from one pass over the data.
+    static void encodedSizes(unsigned char const* data, unsigned int length,
+                             unsigned int& rleSize, unsigned int& huffmanSize);
+};
+
+#endif
