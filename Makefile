@@ -1,0 +1,39 @@
+# The one way to build and test. Every target installs what is missing first.
+BUILD ?= build
+JOBS ?= 2
+CMAKE_FLAGS ?=
+
+.PHONY: deps build test demo bench asan tsan clean
+
+deps:
+	@bash scripts/install-deps.sh
+
+build: deps
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS)
+
+test: build
+	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+
+demo: build
+	@$(BUILD)/examples/demo
+
+bench: build
+	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b; done
+
+# The tests under AddressSanitizer and UndefinedBehaviorSanitizer.
+asan: deps
+	@cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DNK_SANITIZE=address,undefined \
+	  -DNK_BUILD_BENCH=OFF -DNK_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-asan -j$(JOBS)
+	@ctest --test-dir build-asan --output-on-failure -j$(JOBS)
+
+# The concurrency tests under ThreadSanitizer.
+tsan: deps
+	@cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNK_SANITIZE=thread \
+	  -DNK_BUILD_BENCH=OFF -DNK_BUILD_EXAMPLES=OFF -DNK_BUILD_TOOLS=OFF >/dev/null
+	@cmake --build build-tsan -j$(JOBS)
+	@ctest --test-dir build-tsan --output-on-failure -L concurrency -j$(JOBS)
+
+clean:
+	@rm -rf $(BUILD) build-asan build-tsan

@@ -1,0 +1,51 @@
+#include <cstdio>
+
+#include "nk_message.h"
+#include "nk_messageGeneric.h"
+#include "nk_messageShutdown.h"
+#include "nk_messageTime.h"
+
+namespace
+{
+template <typename T>
+nk_message* make(nk_serializer* ser, nk_message::teVersion v)
+{
+    return new T(ser, v);
+}
+
+typedef nk_message* (*tMaker)(nk_serializer*, nk_message::teVersion);
+
+// The factory's one table: type number -> receiving constructor. Types without a class
+// (0, the reserved TAVO numbers 16 to 27, above 29) stay null and are reported unhandled.
+struct tFactoryTable
+{
+    tMaker makers[nk_message::GENERIC_RSP + 1] = {};
+    tFactoryTable()
+    {
+        makers[nk_message::TIME] = make<nk_messageTime>;
+        makers[nk_message::SHUTDOWN] = make<nk_messageShutdown>;
+        makers[nk_message::GENERIC_REQ] = make<nk_messageGenericReq>;
+        makers[nk_message::GENERIC_RSP] = make<nk_messageGenericRsp>;
+    }
+};
+
+const tFactoryTable s_factory;
+}
+
+nk_message* nk_message::getMessage(tBlob* blob)
+{
+    if (blob == nullptr) return nullptr;
+    nk_serializer ser(blob);
+    unsigned short type = 0;
+    unsigned short version = 0;
+    if (!ser.u16(type, nk_serializer::SER_READ) || !ser.u16(version, nk_serializer::SER_READ)) return nullptr;
+
+    tMaker maker = type <= GENERIC_RSP ? s_factory.makers[type] : nullptr;
+    if (maker == nullptr) {
+        // Plain printf without a line end: peers' tooling matches this line as it stands.
+        std::printf("!!!!! TODO !!!!!, unhandled message type: %d (version %d)", type, version);
+        return nullptr;
+    }
+    // The body is read from behind the header; a body that fails still gives the object.
+    return maker(&ser, static_cast<teVersion>(version));
+}
