@@ -16,12 +16,14 @@ public:
     void Reset();
     void Input(unsigned char const* data, unsigned int length);
     void Input(tString const& text) { Input(reinterpret_cast<unsigned char const*>(text.data()), text.length()); }
-    // Finishes the digest; further Input starts a new one.
+    // Finishes the digest; further Input starts a new one. Called again without new
+    // input it gives the same text.
     tString Result();
 
 private:
     void* m_ctx;
     bool m_finished = false;
+    tString m_result;
 };
 
 #endif

@@ -1,0 +1,171 @@
+#include "tBlob.h"
+
+#include <cstring>
+#include <utility>
+
+tBlob::tBlob(tBlob const* other)
+{
+    if (other) append(other->getBuffer(), other->size());
+}
+
+tBlob::tBlob(unsigned char const* data, unsigned int length)
+{
+    append(data, length);
+}
+
+tBlob::tBlob(tBlob const& other)
+{
+    append(other.getBuffer(), other.size());
+}
+
+tBlob::tBlob(tBlob&& other) noexcept : m_data(std::move(other.m_data)), m_offset(other.m_offset)
+{
+    other.m_data.clear();
+    other.m_offset = 0;
+}
+
+tBlob& tBlob::operator=(tBlob const& other)
+{
+    if (this != &other) {
+        m_data.clear();
+        m_offset = 0;
+        append(other.getBuffer(), other.size());
+    }
+    return *this;
+}
+
+tBlob& tBlob::operator=(tBlob&& other) noexcept
+{
+    if (this != &other) {
+        m_data = std::move(other.m_data);
+        m_offset = other.m_offset;
+        other.m_data.clear();
+        other.m_offset = 0;
+    }
+    return *this;
+}
+
+void tBlob::compact()
+{
+    if (m_offset == 0) return;
+    std::size_t live = m_data.size() - m_offset;
+    if (live) std::memmove(m_data.data(), m_data.data() + m_offset, live);
+    m_data.resize(live);
+    m_offset = 0;
+}
+
+unsigned char* tBlob::resize(unsigned int n)
+{
+    if (m_offset && m_offset + n > m_data.capacity()) compact();
+    m_data.resize(m_offset + n);
+    return getBuffer();
+}
+
+void tBlob::reserve(unsigned int n)
+{
+    compact();
+    m_data.reserve(n);
+}
+
+void tBlob::append(unsigned char const* data, unsigned int length)
+{
+    if (!data || length == 0) return;
+    unsigned char const* begin = m_data.data();
+    if (begin && data >= begin && data < begin + m_data.size()) {
+        // The source lies inside this blob, and growing or compacting moves the storage.
+        std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> copy(data, data + length);
+        append(copy.data(), length);
+        return;
+    }
+    if (m_offset && m_data.size() + length > m_data.capacity()) compact();
+    if (m_data.size() + length > m_data.capacity()) {
+        // Grow geometrically ourselves: resize alone may allocate exactly what is asked for.
+        std::size_t want = m_data.size() + length;
+        std::size_t grown = m_data.capacity() * 2;
+        m_data.reserve(grown > want ? grown : want);
+    }
+    std::size_t oldEnd = m_data.size();
+    m_data.resize(oldEnd + length);
+    std::memcpy(m_data.data() + oldEnd, data, length);
+}
+
+void tBlob::append(tBlob const& other)
+{
+    append(other.getBuffer(), other.size());
+}
+
+void tBlob::append(unsigned char byte)
+{
+    append(&byte, 1);
+}
+
+void tBlob::prepend(unsigned char const* data, unsigned int length)
+{
+    if (!data || length == 0) return;
+    unsigned char const* begin = m_data.data();
+    bool inside = begin && data >= begin && data < begin + m_data.size();
+    if (inside) {
+        std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> copy(data, data + length);
+        prepend(copy.data(), length);
+        return;
+    }
+    if (m_offset >= length) {
+        // Room left by earlier slices: step the read offset back.
+        m_offset -= length;
+        std::memcpy(m_data.data() + m_offset, data, length);
+        return;
+    }
+    std::size_t live = size();
+    std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> fresh;
+    fresh.reserve(live + length);
+    fresh.resize(live + length);
+    std::memcpy(fresh.data(), data, length);
+    if (live) std::memcpy(fresh.data() + length, getBuffer(), live);
+    m_data.swap(fresh);
+    m_offset = 0;
+}
+
+void tBlob::prepend(tBlob const& other)
+{
+    prepend(other.getBuffer(), other.size());
+}
+
+void tBlob::clear()
+{
+    m_data.clear();
+    m_offset = 0;
+}
+
+void tBlob::slice(unsigned int n)
+{
+    if (n >= size()) {
+        clear();
+        return;
+    }
+    m_offset += n;
+    // Compact only once the dead prefix outweighs the live bytes, so each byte is moved
+    // at most about once per byte cut: O(1) amortised.
+    if (m_offset > m_data.size() / 2) compact();
+}
+
+unsigned int tBlob::getIndexOf(unsigned char b) const
+{
+    unsigned int n = size();
+    if (n == 0) return 0xFFFFFFFFu;
+    void const* hit = std::memchr(getBuffer(), b, n);
+    if (!hit) return 0xFFFFFFFFu;
+    return static_cast<unsigned int>(static_cast<unsigned char const*>(hit) - getBuffer());
+}
+
+void tBlob::swap(tBlob& other) noexcept
+{
+    m_data.swap(other.m_data);
+    std::swap(m_offset, other.m_offset);
+}
+
+bool tBlob::operator==(tBlob const& o) const
+{
+    unsigned int n = size();
+    if (n != o.size()) return false;
+    return n == 0 || std::memcmp(getBuffer(), o.getBuffer(), n) == 0;
+}
