@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <queue>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tCompression.h"
+
+namespace
+{
+using Bytes = std::vector<unsigned char>;
+
+tBlob blobOf(Bytes const& b) { return tBlob(b.data(), static_cast<unsigned int>(b.size())); }
+tBlob blobOf(std::string const& s) { return tBlob(reinterpret_cast<unsigned char const*>(s.data()), static_cast<unsigned int>(s.size())); }
+Bytes bytesOf(tBlob const& b) { return Bytes(b.getBuffer(), b.getBuffer() + b.size()); }
+
+Bytes randomBytes(std::size_t n, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    Bytes b(n);
+    for (auto& c : b) c = static_cast<unsigned char>(rng());
+    return b;
+}
+
+// Symbol i appears fib(i) times: an unlimited Huffman code would be 24 bits deep.
+Bytes fibonacciSkewed()
+{
+    Bytes b;
+    unsigned a = 1, c = 1;
+    for (unsigned s = 0; s < 25; ++s) {
+        b.insert(b.end(), a, static_cast<unsigned char>(s * 7));
+        const unsigned next = a + c;
+        a = c;
+        c = next;
+    }
+    std::shuffle(b.begin(), b.end(), std::mt19937(5));
+    return b;
+}
+
+unsigned maxCodeLength(Bytes const& huffmanForm)
+{
+    unsigned m = 0;
+    for (std::size_t k = 4; k < 4 + 128 && k < huffmanForm.size(); ++k)
+        m = std::max({m, huffmanForm[k] & 0x0Fu, unsigned(huffmanForm[k] >> 4)});
+    return m;
+}
+
+// Bits of an unlimited Huffman code for the byte counts of data (the sum of merged weights).
+uint64_t unlimitedHuffmanBits(Bytes const& data)
+{
+    uint64_t counts[256] = {};
+    for (unsigned char c : data) ++counts[c];
+    std::priority_queue<uint64_t, std::vector<uint64_t>, std::greater<uint64_t>> q;
+    for (uint64_t c : counts)
+        if (c) q.push(c);
+    if (q.size() == 1) return q.top();
+    uint64_t bits = 0;
+    while (q.size() > 1) {
+        const uint64_t a = q.top(); q.pop();
+        const uint64_t b = q.top(); q.pop();
+        bits += a + b;
+        q.push(a + b);
+    }
+    return bits;
+}
+}
+
+// The Huffman form of "AAAAABCDD", worked by hand.
+static Bytes workedHuffman()
+{
+    Bytes huffman(4 + 128 + 2, 0);
+    huffman[0] = 0x09;
+    huffman[4 + 32] = 0x10;  // 'A' (0x41, high nibble): 1 bit
+    huffman[4 + 33] = 0x33;  // 'B', 'C': 3 bits
+    huffman[4 + 34] = 0x02;  // 'D': 2 bits
+    huffman[132] = 0x06;     // 0 0 0 0 0 110 111 10 10, one zero bit of padding
+    huffman[133] = 0xF4;
+    return huffman;
+}
+
+TEST(Compression, WorkedExamplesAreByteExact)
+{
+    // "AAAAABCDD": the example of docs/wire-format.md.
+    const tBlob in = blobOf(std::string("AAAAABCDD"));
+    EXPECT_EQ(bytesOf(tCompression::encodeRLE(in)),
+              (Bytes{0x09, 0, 0, 0, 0xFC, 0x41, 0x03, 0x42, 0x43, 0x44, 0x44}));
+
+    const Bytes huffman = workedHuffman();
+    EXPECT_EQ(bytesOf(tCompression::encodeHuffman(in)), huffman);
+    EXPECT_EQ(tCompression::decodeHuffman(blobOf(huffman)), in);
+
+    // PackBits rule at the edges: pairs stay literal, runs split at 128, a 2-byte rest is literal.
+    EXPECT_EQ(bytesOf(tCompression::encodeRLE(blobOf(std::string("aab")))),
+              (Bytes{3, 0, 0, 0, 0x02, 'a', 'a', 'b'}));
+    EXPECT_EQ(bytesOf(tCompression::encodeRLE(blobOf(std::string(130, 'x') + "y"))),
+              (Bytes{131, 0, 0, 0, 0x81, 'x', 0x02, 'x', 'x', 'y'}));
+    EXPECT_EQ(bytesOf(tCompression::encodeRLE(tBlob())), (Bytes{0, 0, 0, 0}));
+    EXPECT_EQ(bytesOf(tCompression::encodeHuffman(tBlob())), (Bytes{0, 0, 0, 0}));
+    // A single symbol gets the 1-bit code 0.
+    Bytes single(4 + 128 + 2, 0);
+    single[0] = 9;
+    single[4 + 0x7A / 2] = 0x01;
+    EXPECT_EQ(bytesOf(tCompression::encodeHuffman(blobOf(std::string(9, 'z')))), single);
+    // A decoder skips the no-op control byte 128.
+    EXPECT_EQ(tCompression::decodeRLE(blobOf(Bytes{2, 0, 0, 0, 0x80, 0xFF, 'q', 0x80})), blobOf(std::string("qq")));
+}
+
+TEST(Compression, RoundTripsAndSizesAgree)
+{
+    std::vector<Bytes> inputs = {{}, {0x42}, Bytes(1000, 'z'), randomBytes(100000, 1), fibonacciSkewed()};
+    Bytes runs;
+    for (unsigned r = 1; r < 300; r += 1) runs.insert(runs.end(), r, static_cast<unsigned char>(r));
+    inputs.push_back(runs);
+    Bytes all;
+    for (unsigned i = 0; i < 3000; ++i) all.push_back(static_cast<unsigned char>(i * 37 + i / 256));
+    inputs.push_back(all);
+    Bytes pairs = randomBytes(5000, 2);  // runs of 2 and 3 next to literals of every length
+    for (std::size_t i = 0; i + 3 < pairs.size(); i += 7 + pairs[i] % 150) pairs[i + 1] = pairs[i + 2] = pairs[i];
+    inputs.push_back(pairs);
+    Bytes text;
+    const char* words[] = {"the ", "station ", "sends ", "a ", "schedule ", "to ", "every ", "display. "};
+    std::mt19937 rng(3);
+    while (text.size() < 50000) for (char const* c = words[rng() % 8]; *c; ++c) text.push_back(*c);
+    inputs.push_back(text);
+
+    for (Bytes const& data : inputs) {
+        SCOPED_TRACE(data.size());
+        const tBlob in = blobOf(data);
+        const tBlob rle = tCompression::encodeRLE(in);
+        const tBlob huffman = tCompression::encodeHuffman(in);
+        unsigned int rleSize = 0, huffmanSize = 0;
+        tCompression::encodedSizes(data.data(), static_cast<unsigned int>(data.size()), rleSize, huffmanSize);
+        EXPECT_EQ(rleSize, rle.size());
+        EXPECT_EQ(huffmanSize, huffman.size());
+        EXPECT_EQ(tCompression::decodeRLE(rle), in);
+        tBlob out;
+        EXPECT_TRUE(tCompression::decodeHuffman(huffman, out));
+        EXPECT_EQ(out, in);
+        EXPECT_LE(maxCodeLength(bytesOf(huffman)), 12u);
+        // Package-merge is optimal: where the plain Huffman code fits in 12 bits it is as short.
+        if (data.size() > 1 && maxCodeLength(bytesOf(huffman)) < 12) {
+            EXPECT_EQ(huffman.size(), 4 + 128 + (unlimitedHuffmanBits(data) + 7) / 8);
+        }
+    }
+    EXPECT_EQ(maxCodeLength(bytesOf(tCompression::encodeHuffman(blobOf(fibonacciSkewed())))), 12u);
+
+    tBlob same = tCompression::encodeRLE(blobOf(runs));  // decoding in place
+    EXPECT_TRUE(tCompression::decodeRLE(same, same));
+    EXPECT_EQ(same, blobOf(runs));
+}
+
+TEST(Compression, DamagedInputIsRefused)
+{
+    const Bytes text = [] {
+        std::string s;
+        for (int i = 0; i < 40; ++i) s += "compress me, compress me again; ";
+        return Bytes(s.begin(), s.end());
+    }();
+    const Bytes rle = bytesOf(tCompression::encodeRLE(blobOf(Bytes(text.begin(), text.begin() + 300))));
+    const Bytes huffman = bytesOf(tCompression::encodeHuffman(blobOf(text)));
+    tBlob out;
+    for (std::size_t n = 0; n < rle.size(); ++n)
+        EXPECT_FALSE(tCompression::decodeRLE(blobOf(Bytes(rle.begin(), rle.begin() + n)), out)) << n;
+    for (std::size_t n = 0; n < huffman.size(); ++n)
+        EXPECT_FALSE(tCompression::decodeHuffman(blobOf(Bytes(huffman.begin(), huffman.begin() + n)), out)) << n;
+    EXPECT_EQ(out.size(), 0u);
+
+    auto withRle = [&](std::function<void(Bytes&)> damage) { Bytes b = rle; damage(b); return tCompression::decodeRLE(blobOf(b), out); };
+    auto withHuffman = [&](std::function<void(Bytes&)> damage) { Bytes b = huffman; damage(b); return tCompression::decodeHuffman(blobOf(b), out); };
+    EXPECT_FALSE(withRle([](Bytes& b) { b[0] += 1; }));                    // announced length too long
+    EXPECT_FALSE(withRle([](Bytes& b) { b[0] -= 1; }));                    // a packet runs past it
+    EXPECT_FALSE(withRle([](Bytes& b) { b.push_back(0x00); b.push_back('x'); }));  // trailing packet
+    EXPECT_FALSE(tCompression::decodeRLE(blobOf(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00}), out));  // beyond 64x
+    EXPECT_FALSE(withHuffman([](Bytes& b) { b[1] += 1; }));
+    EXPECT_FALSE(withHuffman([](Bytes& b) { b.push_back(0); }));           // trailing byte
+    Bytes padded = workedHuffman();
+    padded.back() |= 1;  // padding bit set
+    EXPECT_FALSE(tCompression::decodeHuffman(blobOf(padded), out));
+    EXPECT_FALSE(withHuffman([](Bytes& b) { b[4 + 0x20 / 2] = 0x11; }));   // over-subscribed
+    EXPECT_FALSE(withHuffman([](Bytes& b) { std::fill(b.begin() + 4, b.begin() + 132, 0); b[4] = 0x21; }));  // incomplete
+    EXPECT_FALSE(withHuffman([](Bytes& b) { b[4 + ' ' / 2] |= 0x0D; }));   // length 13
+    EXPECT_FALSE(tCompression::decodeHuffman(blobOf(Bytes{0, 0, 0, 0, 0}), out));  // empty with a body
+    EXPECT_FALSE(tCompression::decodeHuffman(blobOf(Bytes{0xFF, 0xFF, 0xFF, 0x7F, 0, 0}), out));
+    Bytes single = bytesOf(tCompression::encodeHuffman(blobOf(Bytes(20, 'z'))));
+    single.back() = 0x80;  // a 1 has no code when one symbol has the code 0
+    EXPECT_FALSE(tCompression::decodeHuffman(blobOf(single), out));
+
+    // Garbage: refused or decoded, never a crash; what decodes re-encodes to the same content.
+    std::mt19937 rng(9);
+    for (int i = 0; i < 2000; ++i) {
+        Bytes g = randomBytes(rng() % 200, static_cast<unsigned>(i));
+        if (g.size() >= 4) g[2] = g[3] = 0;
+        if (i % 2 && g.size() > 132) g = Bytes(huffman.begin(), huffman.begin() + 132), g.resize(150, static_cast<unsigned char>(i));
+        tBlob decoded;
+        if (tCompression::decodeRLE(blobOf(g), decoded)) {
+            EXPECT_EQ(tCompression::decodeRLE(tCompression::encodeRLE(decoded)), decoded);
+        }
+        if (tCompression::decodeHuffman(blobOf(g), decoded)) {
+            EXPECT_EQ(tCompression::decodeHuffman(tCompression::encodeHuffman(decoded)), decoded);
+        }
+    }
+}
