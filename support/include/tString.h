@@ -58,5 +58,7 @@ private:
 };
 
 NKS_API tString operator+(char const* a, tString const& b);
+inline bool operator==(char const* a, tString const& b) { return b == a; }
+inline bool operator!=(char const* a, tString const& b) { return !(b == a); }
 
 #endif
