@@ -6,8 +6,11 @@
 
 #include "nkExport.h"
 #include "nk_message.h"
+#include "nk_messageDisplayConfiguration.h"
 #include "nk_messageGeneric.h"
 #include "nk_messageShutdown.h"
+#include "nk_messageState.h"
+#include "nk_messageStatistics.h"
 #include "nk_messageTime.h"
 #include "nk_serializer.h"
 #include "tVector.h"

@@ -1,8 +1,11 @@
 #include <cstdio>
 
 #include "nk_message.h"
+#include "nk_messageDisplayConfiguration.h"
 #include "nk_messageGeneric.h"
 #include "nk_messageShutdown.h"
+#include "nk_messageState.h"
+#include "nk_messageStatistics.h"
 #include "nk_messageTime.h"
 
 namespace
@@ -22,7 +25,13 @@ struct tFactoryTable
     tMaker makers[nk_message::GENERIC_RSP + 1] = {};
     tFactoryTable()
     {
+        makers[nk_message::STATE_REQ] = make<nk_messageStateReq>;
+        makers[nk_message::STATE_RSP] = make<nk_messageStateRsp>;
+        makers[nk_message::GET_DISPLAY_CONFIGURATION_REQ] = make<nk_messageGetDisplayConfigurationReq>;
+        makers[nk_message::GET_DISPLAY_CONFIGURATION_RSP] = make<nk_messageGetDisplayConfigurationRsp>;
         makers[nk_message::TIME] = make<nk_messageTime>;
+        makers[nk_message::STATISTICS_REQ] = make<nk_messageStatisticsReq>;
+        makers[nk_message::STATISTICS_RSP] = make<nk_messageStatisticsRsp>;
         makers[nk_message::SHUTDOWN] = make<nk_messageShutdown>;
         makers[nk_message::GENERIC_REQ] = make<nk_messageGenericReq>;
         makers[nk_message::GENERIC_RSP] = make<nk_messageGenericRsp>;

@@ -1,0 +1,55 @@
+#include "nk_messageDisplayConfiguration.h"
+
+using tLogicalDisplay = nk_messageGetDisplayConfigurationRsp::tLogicalDisplay;
+using tDisplayConfiguration = nk_messageGetDisplayConfigurationRsp::tDisplayConfiguration;
+
+namespace
+{
+unsigned short idWordOf(unsigned short id, bool current)
+{
+    return current ? static_cast<unsigned short>(id | 0x8000) : id;
+}
+}
+
+tLogicalDisplay::tLogicalDisplay(tString const& name, unsigned short id, unsigned short pixelX,
+                                 unsigned short pixelY, bool current, unsigned short left, unsigned short top)
+    : m_name(name), m_idWord(idWordOf(id, current)), m_pixelX(pixelX), m_pixelY(pixelY), m_left(left), m_top(top)
+{
+}
+
+tDisplayConfiguration::tDisplayConfiguration(tString const& name, unsigned short id, bool current)
+    : m_name(name), m_idWord(idWordOf(id, current))
+{
+}
+
+tDisplayConfiguration::~tDisplayConfiguration() { clear(); }
+
+void tDisplayConfiguration::clear()
+{
+    for (tLogicalDisplay* display : m_logicalDisplays) delete display;
+    m_logicalDisplays.clear();
+}
+
+tLogicalDisplay* tDisplayConfiguration::addLogicalDisplay(tString const& name, unsigned short id,
+                                                          unsigned short pixelX, unsigned short pixelY, bool current,
+                                                          unsigned short left, unsigned short top)
+{
+    m_logicalDisplays.push_back(new tLogicalDisplay(name, id, pixelX, pixelY, current, left, top));
+    return m_logicalDisplays.back();
+}
+
+tLogicalDisplay* tDisplayConfiguration::getLogicalDisplay(unsigned short index)
+{
+    return index < m_logicalDisplays.size() ? m_logicalDisplays[index] : nullptr;
+}
+
+tLogicalDisplay* tDisplayConfiguration::getLogicalDisplayById(unsigned short id)
+{
+    // Compares the 15-bit id with the whole argument: an id with bit 15 set never matches.
+    for (unsigned short i = 0;; ++i) {
+        tLogicalDisplay* display = getLogicalDisplay(i);
+        if (display == nullptr) return nullptr;
+        if (display->id() == id) return display;
+        if (i == 0xFFFF) return nullptr;
+    }
+}
