@@ -1,8 +1,10 @@
 #include <cstdio>
 
 #include "nk_message.h"
+#include "nk_messageEvents.h"
 #include "nk_messageDisplayConfiguration.h"
 #include "nk_messageGeneric.h"
+#include "nk_messageImage.h"
 #include "nk_messageShutdown.h"
 #include "nk_messageState.h"
 #include "nk_messageStatistics.h"
@@ -25,6 +27,8 @@ struct tFactoryTable
     tMaker makers[nk_message::GENERIC_RSP + 1] = {};
     tFactoryTable()
     {
+        makers[nk_message::EVENTS_REQ] = make<nk_messageEventsReq>;
+        makers[nk_message::EVENTS_RSP] = make<nk_messageEventsRsp>;
         makers[nk_message::STATE_REQ] = make<nk_messageStateReq>;
         makers[nk_message::STATE_RSP] = make<nk_messageStateRsp>;
         makers[nk_message::GET_DISPLAY_CONFIGURATION_REQ] = make<nk_messageGetDisplayConfigurationReq>;
@@ -33,6 +37,7 @@ struct tFactoryTable
         makers[nk_message::STATISTICS_REQ] = make<nk_messageStatisticsReq>;
         makers[nk_message::STATISTICS_RSP] = make<nk_messageStatisticsRsp>;
         makers[nk_message::SHUTDOWN] = make<nk_messageShutdown>;
+        makers[nk_message::IMAGE] = make<nk_messageImage>;
         makers[nk_message::GENERIC_REQ] = make<nk_messageGenericReq>;
         makers[nk_message::GENERIC_RSP] = make<nk_messageGenericRsp>;
     }
