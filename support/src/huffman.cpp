@@ -187,43 +187,59 @@ bool decodeBody(unsigned char const* in, std::size_t inLength, unsigned char* ou
 
     uint16_t codes[256];
     canonicalCodes(lengths, codes);
-    uint16_t table[kTableSize];  // symbol | length << 8, indexed by the next 12 bits
+    uint16_t single[kTableSize];  // symbol | length << 8, indexed by the next 12 bits
     for (unsigned s = 0; s < 256; ++s) {
         if (!lengths[s]) continue;
         const unsigned shift = kTableBits - lengths[s];
         const uint16_t e = static_cast<uint16_t>(s | (lengths[s] << 8));
-        std::fill(table + (static_cast<uint32_t>(codes[s]) << shift),
-                  table + (static_cast<uint32_t>(codes[s] + 1) << shift), e);
+        std::fill(single + (static_cast<uint32_t>(codes[s]) << shift),
+                  single + (static_cast<uint32_t>(codes[s] + 1) << shift), e);
+    }
+    // Short codes are the common ones, so each lookup also takes a second symbol when its
+    // code fits in the same 12 bits: first | second << 8 | first length << 16 |
+    // bits of both << 20 | symbols taken << 24.
+    uint32_t pair[kTableSize];
+    for (uint32_t index = 0; index < kTableSize; ++index) {
+        const unsigned first = single[index] & 0xFF;
+        const unsigned firstLength = single[index] >> 8;
+        const uint16_t next = single[(index << firstLength) & (kTableSize - 1)];
+        const unsigned nextLength = next >> 8;
+        const bool both = firstLength + nextLength <= kTableBits;
+        pair[index] = first | (both ? (next & 0xFFu) << 8 : 0) | firstLength << 16 |
+                      (both ? firstLength + nextLength : firstLength) << 20 | (both ? 2u : 1u) << 24;
     }
 
     uint64_t bitPos = 0;
     unsigned char* o = out;
     unsigned char* const end = out + outLength;
-    auto step = [&](uint64_t& window) {
-        const uint16_t e = table[window >> (64 - kTableBits)];
-        *o++ = static_cast<unsigned char>(e);
-        window <<= e >> 8;
-        bitPos += e >> 8;
-    };
-    // A window loaded at bitPos holds at least 57 valid bits: four symbols of up to 12.
-    while (end - o >= 4 && (bitPos >> 3) + 8 <= streamBytes) {
+    // A window loaded at bitPos holds at least 57 valid bits: four lookups of up to 12.
+    // Each lookup stores two bytes and keeps one or both, so 8 bytes of output must remain.
+    while (end - o >= 8 && (bitPos >> 3) + 8 <= streamBytes) {
         uint64_t window = compression::readBE64(stream + (bitPos >> 3)) << (bitPos & 7);
-        step(window);
-        step(window);
-        step(window);
-        step(window);
+        unsigned consumed = 0;
+        for (int k = 0; k < 4; ++k) {
+            const uint32_t e = pair[window >> (64 - kTableBits)];
+            writeLE<uint16_t>(o, static_cast<uint16_t>(e));
+            o += e >> 24;
+            const unsigned bits = (e >> 20) & 0x0F;
+            window <<= bits;
+            consumed += bits;
+        }
+        bitPos += consumed;
     }
     const uint64_t streamBits = static_cast<uint64_t>(streamBytes) * 8;
     while (o < end) {
-        // Near the end, the window is filled from the remaining bytes and then zeros; a
-        // symbol that needed those zeros is caught by the length check below.
+        // Near the end, one symbol at a time, the window filled from the remaining bytes and
+        // then zeros; a symbol that needed those zeros is caught by the length check below.
         if (bitPos >= streamBits) return false;
         const std::size_t byte = static_cast<std::size_t>(bitPos >> 3);
         uint64_t window = 0;
         for (unsigned k = 0; k < 8; ++k)
             window = (window << 8) | (byte + k < streamBytes ? stream[byte + k] : 0);
         window <<= bitPos & 7;
-        step(window);
+        const uint16_t e = single[window >> (64 - kTableBits)];
+        *o++ = static_cast<unsigned char>(e);
+        bitPos += e >> 8;
     }
     // The stream must end exactly in the byte of the last code, its padding bits zero.
     if (bitPos > streamBits || (bitPos + 7) / 8 != streamBytes) return false;

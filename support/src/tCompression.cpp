@@ -22,8 +22,8 @@ uint64_t maxHuffmanLength(std::size_t bodyBytes)
 
 unsigned int saturate(uint64_t v) { return v > kMaxBlob ? static_cast<unsigned int>(kMaxBlob) : static_cast<unsigned int>(v); }
 
-// Decodes the form in `in` whose body `decodeBody` reads; the result goes through a local
-// blob so that `in` and `out` may be the same object.
+// Decodes the form in `in` whose body `decodeBody` reads. Decodes into out's own buffer (a
+// caller that reuses out allocates nothing), through a local blob when in and out are one.
 template <typename DecodeBody>
 bool decodeForm(tBlob const& in, tBlob& out, uint64_t (*maxLength)(std::size_t), DecodeBody decodeBody)
 {
@@ -39,13 +39,14 @@ bool decodeForm(tBlob const& in, tBlob& out, uint64_t (*maxLength)(std::size_t),
             out.clear();
             return false;
         }
-        tBlob result;
+        tBlob separate;
+        tBlob& result = &in == &out ? separate : out;
         unsigned char* buffer = result.resize(length);
         const bool ok = decodeBody(p + compression::kHeaderBytes, bodyBytes, buffer, length);
-        if (ok) {
-            out.swap(result);
-        } else {
+        if (!ok) {
             out.clear();
+        } else if (&result != &out) {
+            out.swap(result);
         }
         return ok;
     } catch (std::bad_alloc const&) {
