@@ -5,6 +5,8 @@
 #include "nk_messageDisplayConfiguration.h"
 #include "nk_messageGeneric.h"
 #include "nk_messageImage.h"
+#include "nk_messageSetConfig.h"
+#include "nk_messageSetSchedules.h"
 #include "nk_messageShutdown.h"
 #include "nk_messageState.h"
 #include "nk_messageStatistics.h"
@@ -33,6 +35,10 @@ struct tFactoryTable
         makers[nk_message::STATE_RSP] = make<nk_messageStateRsp>;
         makers[nk_message::GET_DISPLAY_CONFIGURATION_REQ] = make<nk_messageGetDisplayConfigurationReq>;
         makers[nk_message::GET_DISPLAY_CONFIGURATION_RSP] = make<nk_messageGetDisplayConfigurationRsp>;
+        makers[nk_message::SET_CONFIG_REQ] = make<nk_messageSetConfigReq>;
+        makers[nk_message::SET_CONFIG_RSP] = make<nk_messageSetConfigRsp>;
+        makers[nk_message::SET_SCHEDULES_REQ] = make<nk_messageSetSchedulesReq>;
+        makers[nk_message::SET_SCHEDULES_RSP] = make<nk_messageSetSchedulesRsp>;
         makers[nk_message::TIME] = make<nk_messageTime>;
         makers[nk_message::STATISTICS_REQ] = make<nk_messageStatisticsReq>;
         makers[nk_message::STATISTICS_RSP] = make<nk_messageStatisticsRsp>;
