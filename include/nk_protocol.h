@@ -1,0 +1,99 @@
+#ifndef NK_PROTOCOL_H
+#define NK_PROTOCOL_H
+
+#include <cstdarg>
+
+#include "nkExport.h"
+#include "nk_telegram.h"
+#include "tBlob.h"
+#include "tCriticalSection.h"
+#include "tLog.h"
+#include "tVector.h"
+
+// One protocol instance with its own address on a byte-stream link. The application
+// queues content with enqueue_TS, hands over received bytes (a receive function given to
+// poll, or pushData) and calls poll regularly; complete requests reach the receive
+// callback, responses and time-outs the callback of the request they belong to.
+//
+// Threads: poll, recvData, pushData and every callback run on the polling thread;
+// enqueue_TS and respond_TS may be called from any thread. Response and time-out
+// callbacks run with the outgoing lock held (it is re-entrant, so they may enqueue); the
+// receive callback runs with no lock held.
+class NK_API nk_protocol : public tLog
+{
+public:
+    typedef void (*tRecvCallback)(unsigned int srcAddress, tBlob* content, void* context);
+    typedef nk_telegram::tResponseCallback tResponseCallback;
+    // The shape of both link functions: (server, ctx, buffer, length, error) -> bytes moved.
+    // A send function that returns 0 stores an error code; 11 (EAGAIN) means try again.
+    // The receive function returns 0 when nothing is waiting and gets a null error pointer.
+    typedef unsigned int (*tLinkFcn)(nk_server* server, void* ctx, unsigned char* data, unsigned int length,
+                                     int* error);
+    typedef void (*tProtLogFcn)(char const* format, va_list args);
+
+    static const unsigned int RECV_CHUNK = 32768;
+
+    // The last telegram id handed out, shared by every engine of the process.
+    static unsigned int u32TlgNumber;
+    // The hook behind logProt; the last engine constructed sets it.
+    static tProtLogFcn m_pFcnLog;
+
+    nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* context, unsigned int defaultTimeout_s,
+                tProtLogFcn logFcn, void* logContext, tOutputFcn logOutput);
+    // Pending requests are dropped without calling their callbacks.
+    ~nk_protocol() override;
+    nk_protocol(nk_protocol const&) = delete;
+    nk_protocol& operator=(nk_protocol const&) = delete;
+
+    // Queues a request (content that is sent uncompressed is consumed). With a callback it
+    // asks for a response and the callback is called exactly once, with the response or on
+    // time-out (timeout_s 0: the default); without one no response is expected.
+    void enqueue_TS(tBlob* content, unsigned int destAddress, tResponseCallback responseCb, unsigned int timeout_s,
+                    void* userData);
+    void respond_TS(tBlob* content, unsigned int destAddress, unsigned int telegramId);
+
+    // One round: send and time out queued telegrams, read the link, handle whole frames.
+    void poll(nk_server* server, void* ctx, tLinkFcn sendFn, tLinkFcn recvFn);
+    unsigned int recvData(nk_server* server, void* ctx, tLinkFcn recvFn);
+    void pushData(unsigned char* data, unsigned int length);
+
+    tBlob* checkTlgPartMatch_TS(nk_telegramPart* part, nk_telegram** complete);
+    void eraseDeletedTelegrams_TS();
+
+    static void setMaxPayloadSize(unsigned int size);
+    static void logProt(char const* format, ...) __attribute__((format(printf, 1, 2)));
+
+    unsigned int ownAddress() const { return m_u32OwnAddress; }
+    // Bytes received and not yet cut into frames.
+    unsigned int pendingStreamBytes() const { return m_pStream->size(); }
+    unsigned int queuedTelegrams_TS();
+    unsigned int incomingTelegrams_TS();
+
+private:
+    void sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn);
+    void parseStream();
+    void handleResponse(nk_telegramPart& part, tBlob* content);
+    void removeHandled(nk_telegram* complete, unsigned int id);
+    bool frameMayBeReady();
+
+    unsigned int m_u32OwnAddress;
+    tCriticalSection m_csIncoming;
+    tVector<nk_telegram*> m_incoming;
+    tCriticalSection m_csOutgoing;
+    tVector<nk_telegram*> m_outgoing;
+    tRecvCallback m_pRecvCb;
+    tBlob* m_pStream;
+    bool m_bNewData;
+    void* m_pContext;
+    unsigned int m_u32DefaultTimeout_s;
+    bool m_bCompressionAllowed;
+
+    // Where the first start and end bytes of the stream are, as far as it has been
+    // searched: new bytes are searched once, not again on every poll while a large frame
+    // trickles in or a stray end byte holds the stream.
+    unsigned int m_u32Searched;
+    unsigned int m_u32FirstStart;
+    unsigned int m_u32FirstEnd;
+};
+
+#endif

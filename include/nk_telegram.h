@@ -1,0 +1,180 @@
+#ifndef NK_TELEGRAM_H
+#define NK_TELEGRAM_H
+
+#include "nkExport.h"
+#include "tBlob.h"
+#include "tString.h"
+#include "tVector.h"
+
+// The header shared by whole telegrams and by single parts: addresses, telegram id, the
+// creation time stamp, the type and the compression, and an owned payload.
+class NK_API nk_basicTelegram
+{
+public:
+    // The values are the bits of the frame's flags byte.
+    enum teType
+    {
+        TYPE_REQUEST_NO_RESPONSE = 1,
+        TYPE_REQUEST_FORCE_RESPONSE = 2,
+        TYPE_RESPONSE = 3,
+    };
+    enum teCompression
+    {
+        COMPRESSION_NONE = 0x00,
+        COMPRESSION_RLE = 0x10,
+        COMPRESSION_HUFF = 0x20,
+    };
+
+    static const unsigned int ADDRESS_NONE = 0xFFFFFFFFu;
+    static const unsigned int ADDRESS_BROADCAST = 0xFFFFFFFEu;
+
+    nk_basicTelegram();
+    nk_basicTelegram(unsigned int src, unsigned int dest, unsigned int id, unsigned int timestamp, teType type);
+    // Deep copy of other's header and payload; null gives a default header.
+    explicit nk_basicTelegram(nk_basicTelegram* other);
+    virtual ~nk_basicTelegram();
+    nk_basicTelegram(nk_basicTelegram const&) = delete;
+    nk_basicTelegram& operator=(nk_basicTelegram const&) = delete;
+
+    unsigned int sourceAddress() const { return m_u32Src; }
+    unsigned int destinationAddress() const { return m_u32Dest; }
+    unsigned int telegramId() const { return m_u32Id; }
+    unsigned int timestamp() const { return m_u32Timestamp; }
+    teType type() const { return m_eType; }
+    teCompression compression() const { return m_eCompression; }
+    tBlob* payload() { return m_pPayload; }
+
+    bool isResponse() const { return m_eType == TYPE_RESPONSE; }
+    bool isRequestWithoutResponse() const { return m_eType == TYPE_REQUEST_NO_RESPONSE; }
+
+    static tString typeName(teType type);
+    static tString compressionName(teCompression compression);
+
+    // Replaces the payload by its decoded form. The compression field is kept, so a second
+    // call would decode again: call it once per payload.
+    void deCompress();
+
+protected:
+    unsigned int m_u32Src;
+    unsigned int m_u32Dest;
+    unsigned int m_u32Id;
+    unsigned int m_u32Timestamp;
+    teType m_eType;
+    teCompression m_eCompression;
+    tBlob* m_pPayload;
+};
+
+// One part of a telegram: the header, its 1-based number and whether it is the last, and
+// its slice of the (possibly compressed) content. One part is one frame on the link.
+class NK_API nk_telegramPart : public nk_basicTelegram
+{
+public:
+    enum tePartInfo
+    {
+        PARTINFO_NOT_LAST_PART = 0x04,
+        PARTINFO_LAST_PART = 0x08,
+    };
+
+    nk_telegramPart();
+    explicit nk_telegramPart(nk_telegramPart* other);
+    // Note the order: telegram id first, then the addresses. The payload bytes are copied.
+    nk_telegramPart(unsigned int id, unsigned int src, unsigned int dest, unsigned int partId,
+                    unsigned int timestamp, bool lastPart, tBlob* payload, teType type,
+                    teCompression compression);
+    ~nk_telegramPart() override = default;
+
+    unsigned int partId() const { return m_u32PartId; }
+    tePartInfo partInfoValue() const { return m_ePartInfo; }
+    bool isLastPart() const { return m_ePartInfo == PARTINFO_LAST_PART; }
+    static tString partInfo(tePartInfo info);
+
+    // Part 1 marked last is a whole telegram: decodes the payload in place and gives it.
+    // Any other part gives null and is left as it is.
+    tBlob* isSinglePartTelegram();
+
+    // Appends one frame to out; false (and nothing appended) if out is null or the frame
+    // would not fit a blob.
+    bool serialize(tBlob* out);
+    // The bytes serialize would append for this part.
+    unsigned int serializedSize() const;
+
+    // Reads the first frame at the front of stream into this part; true if it was valid.
+    // Whenever a start byte is followed later by an end byte, the bytes up to and including
+    // that end byte are removed, valid or not.
+    bool streamContainsTelegram(tBlob* stream);
+
+private:
+    bool readBody(tBlob& body);
+
+    unsigned int m_u32PartId;
+    tePartInfo m_ePartInfo;
+};
+
+// A whole telegram. Outgoing: the content, compressed when that pays, cut into parts,
+// sent, and kept while a request waits for its response. Incoming: the parts of one
+// multi-part telegram until the last one is in, then joined and decoded.
+class NK_API nk_telegram : public nk_basicTelegram
+{
+public:
+    typedef void (*tResponseCallback)(unsigned int address, tBlob* content, void* context, bool timedOut,
+                                      void* userData);
+    typedef unsigned int (*tSendFcn)(nk_server* server, void* ctx, unsigned char* data, unsigned int length,
+                                     int* error);
+
+    static unsigned int s_u32MaxPayloadSize;
+    // For telegrams built afterwards, in every engine. 0 is ignored.
+    static void setMaxPayloadSize(unsigned int size);
+
+    // Outgoing. Content that is sent uncompressed is moved into the parts (the caller's blob
+    // is empty afterwards); content that is compressed is left as it was.
+    nk_telegram(unsigned int id, unsigned int src, unsigned int dest, tBlob* content, tResponseCallback callback,
+                void* context, bool isResponse, void* userData, bool allowCompression);
+    // Incoming: a receiving context opened by the first part that arrived.
+    explicit nk_telegram(nk_telegramPart* first);
+    ~nk_telegram() override;
+
+    // Chooses the smaller of RLE and Huffman when it is strictly smaller than the content
+    // (RLE on a tie), writes it to out and sets the compression; false when nothing pays.
+    bool checkCompression(tBlob* content, tBlob* out);
+
+    bool send(nk_server* server, void* ctx, tSendFcn sendFn);
+    bool hasBeenSend() const { return m_bSent; }
+    bool isOutgoingRequest(unsigned int address) const { return address == m_u32Src; }
+    bool waitForResponse() const { return m_pCallback != nullptr; }
+
+    void setTimeout_s(long long seconds) { m_i64Timeout_s = seconds; }
+    long long timeout_s() const { return m_i64Timeout_s; }
+    // Counted from the creation time stamp, not from the sending.
+    bool timeout() const;
+
+    void notifyResponse(unsigned int address, tBlob* content);
+    void notifyTimeout();
+
+    bool addTelegramPart(nk_telegramPart* part);
+    bool lastPartPresent() const;
+    bool isCorrupt();
+    tBlob* getCompleteContent();
+    static bool sortTelegrams(nk_telegramPart*& a, nk_telegramPart*& b);
+
+    unsigned int partCount() const { return static_cast<unsigned int>(m_parts.size()); }
+    nk_telegramPart* part(unsigned int index) const { return m_parts.get(index); }
+    void* userData() const { return m_pUserData; }
+    unsigned char sendRetries() const { return m_u8SendRetries; }
+
+private:
+    void split(tBlob* work);
+
+    tVector<nk_telegramPart*> m_parts;
+    bool m_bSent;
+    tResponseCallback m_pCallback;
+    void* m_pContext;
+    long long m_i64Timeout_s;
+    void* m_pUserData;
+    bool m_bCompressionAllowed;
+    unsigned char m_u8SendRetries;
+    // Highest part id filed so far: parts arrive in order, so a higher id cannot be a
+    // duplicate and the search through the list is skipped.
+    unsigned int m_u32HighestPartId;
+};
+
+#endif

@@ -1,0 +1,364 @@
+#include "nk_protocol.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace
+{
+const unsigned int kNotFound = 0xFFFFFFFFu;
+const unsigned char kFrameStart = 0x01;
+const unsigned char kFrameEnd = 0x02;
+// A stream buffer that grew beyond this for one round gives its memory back once it is
+// empty, so an engine that once took a large telegram does not hold that much while idle.
+const unsigned int kKeepStreamCapacity = 65536;
+
+template <typename T>
+void eraseNulls(tVector<T*>& list)
+{
+    list.erase(std::remove(list.begin(), list.end(), static_cast<T*>(nullptr)), list.end());
+}
+}
+
+unsigned int nk_protocol::u32TlgNumber = 0;
+nk_protocol::tProtLogFcn nk_protocol::m_pFcnLog = nullptr;
+
+nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* context, unsigned int defaultTimeout_s,
+                         tProtLogFcn logFcn, void* logContext, tOutputFcn logOutput)
+    : tLog(logContext, logOutput), m_u32OwnAddress(ownAddress), m_csIncoming(true), m_csOutgoing(true),
+      m_pRecvCb(recvCb), m_pStream(new tBlob()), m_bNewData(false), m_pContext(context),
+      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_u32Searched(0),
+      m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound)
+{
+    // Engines may be built on different threads; the hook is one word shared by all.
+    __atomic_store_n(&m_pFcnLog, logFcn, __ATOMIC_RELEASE);
+}
+
+nk_protocol::~nk_protocol()
+{
+    {
+        tCriticalSectionLock lock(m_csIncoming);
+        for (nk_telegram* t : m_incoming) delete t;
+        m_incoming.clear();
+    }
+    {
+        tCriticalSectionLock lock(m_csOutgoing);
+        for (nk_telegram* t : m_outgoing) delete t;
+        m_outgoing.clear();
+    }
+    delete m_pStream;
+}
+
+void nk_protocol::setMaxPayloadSize(unsigned int size)
+{
+    nk_telegram::setMaxPayloadSize(size);
+}
+
+void nk_protocol::logProt(char const* format, ...)
+{
+    tProtLogFcn fcn = __atomic_load_n(&m_pFcnLog, __ATOMIC_ACQUIRE);
+    if (!fcn) return;
+    va_list args;
+    va_start(args, format);
+    fcn(format, args);
+    va_end(args);
+}
+
+void nk_protocol::enqueue_TS(tBlob* content, unsigned int destAddress, tResponseCallback responseCb,
+                             unsigned int timeout_s, void* userData)
+{
+    nk_telegram* telegram = nullptr;
+    {
+        tCriticalSectionLock lock(m_csOutgoing);
+        // The counter is shared by every engine, and engines on different threads each hold
+        // only their own outgoing lock, so the increment itself is atomic as well.
+        const unsigned int id = __atomic_add_fetch(&u32TlgNumber, 1u, __ATOMIC_RELAXED);
+        try {
+            telegram = new nk_telegram(id, m_u32OwnAddress, destAddress, content, responseCb, m_pContext, false,
+                                       userData, m_bCompressionAllowed);
+            // Set before the telegram is visible to the polling thread, which may send it,
+            // time it out or delete it as soon as the lock is free.
+            telegram->setTimeout_s(timeout_s != 0 ? timeout_s : m_u32DefaultTimeout_s);
+            m_outgoing.push_back(telegram);
+        } catch (std::bad_alloc const&) {
+            delete telegram;
+            telegram = nullptr;
+        }
+    }
+    if (!telegram) log("prot: appending telegram to queue failed");
+}
+
+void nk_protocol::respond_TS(tBlob* content, unsigned int destAddress, unsigned int telegramId)
+{
+    tCriticalSectionLock lock(m_csOutgoing);
+    log("prot: send response (id: %d; src: %d; dest: %d)", telegramId, m_u32OwnAddress, destAddress);
+    nk_telegram* telegram = nullptr;
+    try {
+        telegram = new nk_telegram(telegramId, m_u32OwnAddress, destAddress, content, nullptr, m_pContext, true,
+                                   nullptr, m_bCompressionAllowed);
+        m_outgoing.push_back(telegram);
+    } catch (std::bad_alloc const&) {
+        delete telegram;
+        log("prot: appending telegram to queue failed");
+    }
+}
+
+void nk_protocol::poll(nk_server* server, void* ctx, tLinkFcn sendFn, tLinkFcn recvFn)
+{
+    sendAndTimeOut(server, ctx, sendFn);
+    eraseDeletedTelegrams_TS();
+    if (recvFn) recvData(server, ctx, recvFn);
+    if (m_bNewData) {
+        m_bNewData = false;
+        parseStream();
+    }
+    eraseDeletedTelegrams_TS();
+}
+
+void nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn)
+{
+    tCriticalSectionLock lock(m_csOutgoing);
+    // By index: a callback may enqueue, which appends to this very queue.
+    for (std::size_t i = 0; i < m_outgoing.size(); ++i) {
+        nk_telegram* t = m_outgoing[i];
+        if (!t) continue;
+        if (t->hasBeenSend()) {
+            if (t->timeout()) {
+                log("outgoing request timed out, notify timeout and remove (tid: %u)", t->telegramId());
+                m_outgoing[i] = nullptr;
+                t->notifyTimeout();
+                delete t;
+            }
+            continue;
+        }
+        if (!sendFn) {
+            log("can't send telegram, no send method, remove telegram");
+            m_outgoing[i] = nullptr;
+            delete t;
+            continue;
+        }
+        if (!t->send(server, ctx, sendFn)) {
+            log("sending telegram failed, remove it (tid: %u)", t->telegramId());
+            m_outgoing[i] = nullptr;
+            delete t;
+            continue;
+        }
+        if (t->isResponse()) {
+            log("send response telegram, remove it (tid: %d; src: %d; dest: %d)", t->telegramId(), t->sourceAddress(),
+                t->destinationAddress());
+        } else if (t->isRequestWithoutResponse()) {
+            log("send request without response required, remove it (tid: %d; src: %d; dest: %d)", t->telegramId(),
+                t->sourceAddress(), t->destinationAddress());
+        } else {
+            // The stray apostrophe is part of the text that log readers match.
+            log("send request with response required, don't remove' (tid: %d; src: %d; dest: %d)", t->telegramId(),
+                t->sourceAddress(), t->destinationAddress());
+            continue;
+        }
+        m_outgoing[i] = nullptr;
+        delete t;
+    }
+}
+
+unsigned int nk_protocol::recvData(nk_server* server, void* ctx, tLinkFcn recvFn)
+{
+    if (!recvFn) return 0;
+    // On the stack, not in the engine: idle engines stay small.
+    unsigned char buffer[RECV_CHUNK];
+    unsigned int total = 0;
+    unsigned int n = 0;
+    do {
+        n = recvFn(server, ctx, buffer, RECV_CHUNK, nullptr);
+        if (n > RECV_CHUNK) n = RECV_CHUNK;  // a link function that claims too much
+        m_pStream->append(buffer, n);
+        total += n;
+    } while (n == RECV_CHUNK);
+    if (total != 0) m_bNewData = true;
+    return total;
+}
+
+void nk_protocol::pushData(unsigned char* data, unsigned int length)
+{
+    if (!data || length == 0) return;
+    m_pStream->append(data, length);
+    m_bNewData = true;
+}
+
+bool nk_protocol::frameMayBeReady()
+{
+    const unsigned int size = m_pStream->size();
+    if (m_u32Searched < size) {
+        unsigned char const* bytes = m_pStream->getBuffer();
+        unsigned char const* from = bytes + m_u32Searched;
+        const std::size_t length = size - m_u32Searched;
+        if (m_u32FirstStart == kNotFound) {
+            void const* hit = std::memchr(from, kFrameStart, length);
+            if (hit) m_u32FirstStart = static_cast<unsigned int>(static_cast<unsigned char const*>(hit) - bytes);
+        }
+        if (m_u32FirstEnd == kNotFound) {
+            void const* hit = std::memchr(from, kFrameEnd, length);
+            if (hit) m_u32FirstEnd = static_cast<unsigned int>(static_cast<unsigned char const*>(hit) - bytes);
+        }
+        m_u32Searched = size;
+    }
+    // Anything else leaves the stream as it is; streamContainsTelegram would say false.
+    return m_u32FirstStart != kNotFound && m_u32FirstEnd != kNotFound && m_u32FirstEnd > m_u32FirstStart;
+}
+
+void nk_protocol::parseStream()
+{
+    nk_telegramPart part;
+    const unsigned int before = m_pStream->size();
+    // Deliberate: the loop ends at the first invalid frame, and frames behind it wait for
+    // the next bytes to arrive. Peers see the same pacing from every implementation.
+    while (frameMayBeReady()) {
+        const bool valid = part.streamContainsTelegram(m_pStream);
+        m_u32Searched = 0;
+        m_u32FirstStart = m_u32FirstEnd = kNotFound;
+        if (!valid) break;
+
+        log("stream contains data");
+        const unsigned int id = part.telegramId();
+        const unsigned int src = part.sourceAddress();
+        const unsigned int dest = part.destinationAddress();
+        if (dest == nk_basicTelegram::ADDRESS_BROADCAST) {
+            log("received broadcast telegram (tlg-id: %d)", id);
+        } else if (dest == m_u32OwnAddress) {
+            log("received telegram for me (tlg-id: %d)", id);
+        } else {
+            log("received telegram is addressed to another instance (%d -> %d; own address: %d)", src, dest,
+                m_u32OwnAddress);
+            continue;
+        }
+
+        nk_telegram* complete = nullptr;
+        tBlob* content = part.isSinglePartTelegram();
+        if (content) {
+            log("received single part telegram (tlg-id: %u)", id);
+        } else {
+            content = checkTlgPartMatch_TS(&part, &complete);
+            if (!content) {
+                log("received telegram with multiple parts - incomplete (tlg-id: %u)", id);
+                continue;
+            }
+            log("received telegram with multiple parts - complete (tlg-id: %u)", id);
+        }
+
+        if (part.isResponse()) {
+            handleResponse(part, content);
+        } else if (m_pRecvCb) {
+            // Deliberate: the request's type is not consulted. Whatever the callback leaves
+            // in the content is the answer, even to a request that asked for none.
+            m_pRecvCb(src, content, m_pContext);
+            if (content->size() != 0)
+                respond_TS(content, src, id);
+            else
+                log("no response to request required");
+        }
+        if (complete) removeHandled(complete, id);
+    }
+    if (m_pStream->size() == 0 && before > kKeepStreamCapacity) {
+        tBlob released;
+        m_pStream->swap(released);
+    }
+}
+
+void nk_protocol::handleResponse(nk_telegramPart& part, tBlob* content)
+{
+    bool found = false;
+    {
+        tCriticalSectionLock lock(m_csOutgoing);
+        for (std::size_t i = 0; i < m_outgoing.size(); ++i) {
+            nk_telegram* t = m_outgoing[i];
+            // Only the id is compared, neither address: an answer from whoever holds the
+            // request's id is its answer.
+            if (!t || !t->waitForResponse() || t->telegramId() != part.telegramId()) continue;
+            log("handle response (size %u)", content->size());
+            m_outgoing[i] = nullptr;
+            t->notifyResponse(part.sourceAddress(), content);
+            log("remove request");
+            delete t;
+            found = true;
+            break;
+        }
+    }
+    if (!found) log("did not find request for response");
+}
+
+void nk_protocol::removeHandled(nk_telegram* complete, unsigned int id)
+{
+    bool found = false;
+    {
+        tCriticalSectionLock lock(m_csIncoming);
+        for (nk_telegram*& t : m_incoming) {
+            if (t != complete) continue;
+            log("telegram handled, remove it (tlg-id: %d)", id);
+            t = nullptr;
+            delete complete;
+            found = true;
+            break;
+        }
+    }
+    if (!found) log("telegram handled, but can't remove it (tlg-id: %d)", id);
+}
+
+tBlob* nk_protocol::checkTlgPartMatch_TS(nk_telegramPart* part, nk_telegram** complete)
+{
+    if (!part) return nullptr;
+    if (complete) *complete = nullptr;
+    tCriticalSectionLock lock(m_csIncoming);
+    for (nk_telegram*& t : m_incoming) {
+        if (!t || t->telegramId() != part->telegramId() || t->sourceAddress() != part->sourceAddress() ||
+            t->destinationAddress() != part->destinationAddress())
+            continue;
+        if (!t->addTelegramPart(part)) return nullptr;  // a duplicate
+        if (!t->lastPartPresent()) {
+            log("received telegram is NOT complete now");
+            return nullptr;
+        }
+        if (t->isCorrupt()) {
+            log("received complete telegram is corrupt, remove it (tlg.-id: %u)", t->telegramId());
+            delete t;
+            t = nullptr;
+            return nullptr;
+        }
+        tBlob* content = t->getCompleteContent();
+        if (!content) {
+            log("received telegram is now complete, but has no content, remove it (tlg.-id: %u)", t->telegramId());
+            delete t;
+            t = nullptr;
+            return nullptr;
+        }
+        log("received telegram is now complete (tlg.-id: %u, content: %d bytes)", t->telegramId(), content->size());
+        if (complete) *complete = t;
+        return content;
+    }
+    // Deliberate: the first part of a new context is never checked for completeness.
+    log("received telegram part for new context (tlg.-id: %u)", part->telegramId());
+    m_incoming.push_back(new nk_telegram(part));
+    return nullptr;
+}
+
+void nk_protocol::eraseDeletedTelegrams_TS()
+{
+    {
+        tCriticalSectionLock lock(m_csIncoming);
+        eraseNulls(m_incoming);
+    }
+    tCriticalSectionLock lock(m_csOutgoing);
+    eraseNulls(m_outgoing);
+}
+
+unsigned int nk_protocol::queuedTelegrams_TS()
+{
+    tCriticalSectionLock lock(m_csOutgoing);
+    return static_cast<unsigned int>(std::count_if(m_outgoing.begin(), m_outgoing.end(),
+                                                   [](nk_telegram* t) { return t != nullptr; }));
+}
+
+unsigned int nk_protocol::incomingTelegrams_TS()
+{
+    tCriticalSectionLock lock(m_csIncoming);
+    return static_cast<unsigned int>(std::count_if(m_incoming.begin(), m_incoming.end(),
+                                                   [](nk_telegram* t) { return t != nullptr; }));
+}

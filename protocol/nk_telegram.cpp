@@ -1,0 +1,204 @@
+#include "nk_telegram.h"
+
+#include <cstdint>
+
+#include "tCompression.h"
+#include "tTime.h"
+
+namespace
+{
+const int kErrorTryAgain = 11;        // EAGAIN on the platforms the library runs on
+const unsigned int kRetryWait_ms = 500;
+const unsigned int kMaxRetries = 4;   // the fifth zero return in a row gives up
+const long long kDefaultTimeout_s = 10;
+}
+
+unsigned int nk_telegram::s_u32MaxPayloadSize = 0x100000;
+
+void nk_telegram::setMaxPayloadSize(unsigned int size)
+{
+    // A size of 0 could never cut anything off the content.
+    if (size != 0) s_u32MaxPayloadSize = size;
+}
+
+nk_telegram::nk_telegram(unsigned int id, unsigned int src, unsigned int dest, tBlob* content,
+                         tResponseCallback callback, void* context, bool isResponse, void* userData,
+                         bool allowCompression)
+    : nk_basicTelegram(src, dest, id, static_cast<unsigned int>(tTime::now()),
+                       isResponse ? TYPE_RESPONSE : (callback ? TYPE_REQUEST_FORCE_RESPONSE : TYPE_REQUEST_NO_RESPONSE)),
+      m_bSent(false), m_pCallback(callback), m_pContext(context), m_i64Timeout_s(kDefaultTimeout_s),
+      m_pUserData(userData), m_bCompressionAllowed(allowCompression), m_u8SendRetries(0), m_u32HighestPartId(0)
+{
+    tBlob compressed;
+    if (checkCompression(content, &compressed))
+        split(&compressed);
+    else if (content)
+        split(content);
+}
+
+nk_telegram::nk_telegram(nk_telegramPart* first)
+    : nk_basicTelegram(first), m_bSent(false), m_pCallback(nullptr), m_pContext(nullptr),
+      m_i64Timeout_s(kDefaultTimeout_s), m_pUserData(nullptr), m_bCompressionAllowed(true), m_u8SendRetries(0),
+      m_u32HighestPartId(0)
+{
+    if (!first) return;
+    m_parts.push_back(new nk_telegramPart(first));
+    m_u32HighestPartId = first->partId();
+}
+
+nk_telegram::~nk_telegram()
+{
+    for (nk_telegramPart* p : m_parts) delete p;
+}
+
+bool nk_telegram::checkCompression(tBlob* content, tBlob* out)
+{
+    if (!content || content->size() == 0 || !out || !m_bCompressionAllowed) return false;
+    const unsigned int plain = content->size();
+    // Both sizes come from one cheap pass; only the form that wins is encoded.
+    unsigned int rle = 0, huffman = 0;
+    tCompression::encodedSizes(content->getBuffer(), plain, rle, huffman);
+    teCompression choice = COMPRESSION_NONE;
+    if (rle < plain)
+        choice = huffman < rle ? COMPRESSION_HUFF : COMPRESSION_RLE;
+    else if (huffman < plain)
+        choice = COMPRESSION_HUFF;
+    if (choice == COMPRESSION_NONE) return false;
+    *out = choice == COMPRESSION_RLE ? tCompression::encodeRLE(*content) : tCompression::encodeHuffman(*content);
+    m_eCompression = choice;
+    return true;
+}
+
+void nk_telegram::split(tBlob* work)
+{
+    const unsigned int total = work->size();
+    const unsigned int maxPayload = s_u32MaxPayloadSize;
+    if (total == 0) return;
+    if (total <= maxPayload) {
+        // One part: the bytes move into it without a copy.
+        nk_telegramPart* only = new nk_telegramPart(m_u32Id, m_u32Src, m_u32Dest, 1, m_u32Timestamp, true, nullptr,
+                                                    m_eType, m_eCompression);
+        only->payload()->swap(*work);
+        work->clear();
+        m_parts.push_back(only);
+        return;
+    }
+    m_parts.reserve(total / maxPayload + 1);
+    unsigned char const* bytes = work->getBuffer();
+    unsigned int partId = 0;
+    for (unsigned int offset = 0; offset < total;) {
+        const unsigned int left = total - offset;
+        const unsigned int length = left < maxPayload ? left : maxPayload;
+        nk_telegramPart* part = new nk_telegramPart(m_u32Id, m_u32Src, m_u32Dest, ++partId, m_u32Timestamp,
+                                                    left <= maxPayload, nullptr, m_eType, m_eCompression);
+        part->payload()->append(bytes + offset, length);
+        m_parts.push_back(part);
+        offset += length;
+    }
+    work->clear();
+}
+
+bool nk_telegram::send(nk_server* server, void* ctx, tSendFcn sendFn)
+{
+    if (!sendFn) return false;
+    uint64_t frames = 0;
+    for (nk_telegramPart* p : m_parts)
+        if (p) frames += p->serializedSize();
+    if (frames > 0xFFFFFFFFu) return false;
+    tBlob buffer;
+    buffer.reserve(static_cast<unsigned int>(frames));
+    for (nk_telegramPart* p : m_parts)
+        if (p && !p->serialize(&buffer)) return false;
+
+    unsigned int offset = 0;
+    unsigned int remaining = buffer.size();
+    int error = 0;
+    while (remaining != 0) {
+        unsigned int n = sendFn(server, ctx, buffer.getBuffer() + offset, remaining, &error);
+        if (n != 0) {
+            if (n > remaining) n = remaining;  // a link function that claims too much
+            offset += n;
+            remaining -= n;
+            m_u8SendRetries = 0;
+        } else if (error == kErrorTryAgain) {
+            tTime::sleep(kRetryWait_ms);
+            ++m_u8SendRetries;
+        } else {
+            ++m_u8SendRetries;
+            break;
+        }
+        if (m_u8SendRetries > kMaxRetries) return false;
+    }
+    m_bSent = offset == buffer.size();
+    return m_bSent;
+}
+
+bool nk_telegram::timeout() const
+{
+    // The 64-bit sum wraps like the unsigned addition it is; compared as signed numbers.
+    const long long deadline =
+        static_cast<long long>(static_cast<uint64_t>(m_u32Timestamp) + static_cast<uint64_t>(m_i64Timeout_s));
+    return deadline < tTime::now();
+}
+
+void nk_telegram::notifyResponse(unsigned int address, tBlob* content)
+{
+    if (m_pCallback) m_pCallback(address, content, m_pContext, false, m_pUserData);
+}
+
+void nk_telegram::notifyTimeout()
+{
+    if (m_pCallback) m_pCallback(ADDRESS_NONE, nullptr, m_pContext, true, m_pUserData);
+}
+
+bool nk_telegram::addTelegramPart(nk_telegramPart* part)
+{
+    if (!part) return false;
+    if (!m_parts.empty() && part->partId() <= m_u32HighestPartId) {
+        for (nk_telegramPart* p : m_parts)
+            if (p && p->partId() == part->partId() && p->destinationAddress() == part->destinationAddress() &&
+                p->sourceAddress() == part->sourceAddress())
+                return false;
+    }
+    m_parts.push_back(new nk_telegramPart(part));
+    if (part->partId() > m_u32HighestPartId || m_parts.size() == 1) m_u32HighestPartId = part->partId();
+    return true;
+}
+
+bool nk_telegram::lastPartPresent() const
+{
+    // Deliberate: only the end of the list in arrival order is looked at, so a last part
+    // that overtook an earlier one is not seen. The link delivers parts in order.
+    return !m_parts.empty() && m_parts.back() && m_parts.back()->isLastPart();
+}
+
+bool nk_telegram::sortTelegrams(nk_telegramPart*& a, nk_telegramPart*& b)
+{
+    if (!a || !b) return false;
+    return a->partId() > b->partId();
+}
+
+bool nk_telegram::isCorrupt()
+{
+    m_parts.sort(sortTelegrams);
+    for (std::size_t i = 0; i < m_parts.size(); ++i) {
+        nk_telegramPart* p = m_parts[i];
+        if (p && p->partId() != i + 1) return true;
+    }
+    return false;
+}
+
+tBlob* nk_telegram::getCompleteContent()
+{
+    m_pPayload->clear();
+    uint64_t total = 0;
+    for (nk_telegramPart* p : m_parts) {
+        if (!p) return nullptr;
+        total += p->payload()->size();
+    }
+    if (total > 0xFFFFFFFFu) return nullptr;
+    m_pPayload->reserve(static_cast<unsigned int>(total));
+    for (nk_telegramPart* p : m_parts) m_pPayload->append(*p->payload());
+    deCompress();
+    return m_pPayload;
+}

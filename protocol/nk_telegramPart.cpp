@@ -1,0 +1,200 @@
+#include "nk_telegram.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "base128.h"
+#include "crc8.h"
+#include "leBytes.h"
+
+namespace
+{
+const unsigned char kFrameStart = 0x01;
+const unsigned char kFrameEnd = 0x02;
+// source, destination, id, part id, time stamp (u32 each), flags (u8), payload length (u32)
+const unsigned int kHeaderBytes = 25;
+const unsigned int kCrcBytes = 1;
+const unsigned int kTypeMask = 0x03;
+const unsigned int kPartInfoMask = 0x0C;
+const unsigned int kCompressionMask = 0x30;
+
+uint64_t frameBytes(uint64_t payloadLength)
+{
+    uint64_t body = kHeaderBytes + payloadLength + kCrcBytes;
+    return 2 + (8 * body + 6) / 7;
+}
+
+// Base-128 encodes a body given in pieces straight into the frame. Seven input bytes are
+// exactly eight output bytes, so encoding in multiples of seven gives the same bytes as
+// encoding the joined body at once; only the seams go through a small carry buffer.
+class tBase128Writer
+{
+public:
+    explicit tBase128Writer(unsigned char* dst) : m_dst(dst) {}
+
+    void feed(unsigned char const* p, unsigned int n)
+    {
+        if (m_carried) {
+            unsigned int take = 7 - m_carried < n ? 7 - m_carried : n;
+            std::memcpy(m_carry + m_carried, p, take);
+            m_carried += take;
+            p += take;
+            n -= take;
+            if (m_carried < 7) return;
+            m_dst += base128::encode(m_dst, m_carry, 7);
+            m_carried = 0;
+        }
+        unsigned int whole = n / 7 * 7;
+        if (whole) m_dst += base128::encode(m_dst, p, whole);
+        std::memcpy(m_carry, p + whole, n - whole);
+        m_carried = n - whole;
+    }
+
+    unsigned char* finish()
+    {
+        if (m_carried) m_dst += base128::encode(m_dst, m_carry, m_carried);
+        m_carried = 0;
+        return m_dst;
+    }
+
+private:
+    unsigned char* m_dst;
+    unsigned char m_carry[7];
+    unsigned int m_carried = 0;
+};
+}
+
+nk_telegramPart::nk_telegramPart() : m_u32PartId(0), m_ePartInfo(static_cast<tePartInfo>(0)) {}
+
+nk_telegramPart::nk_telegramPart(nk_telegramPart* other)
+    : nk_basicTelegram(other), m_u32PartId(0), m_ePartInfo(static_cast<tePartInfo>(0))
+{
+    if (!other) return;
+    m_u32PartId = other->m_u32PartId;
+    m_ePartInfo = other->m_ePartInfo;
+}
+
+nk_telegramPart::nk_telegramPart(unsigned int id, unsigned int src, unsigned int dest, unsigned int partId,
+                                 unsigned int timestamp, bool lastPart, tBlob* payload, teType type,
+                                 teCompression compression)
+    : nk_basicTelegram(src, dest, id, timestamp, type), m_u32PartId(partId),
+      m_ePartInfo(lastPart ? PARTINFO_LAST_PART : PARTINFO_NOT_LAST_PART)
+{
+    m_eCompression = compression;
+    if (payload) m_pPayload->append(*payload);
+}
+
+tString nk_telegramPart::partInfo(tePartInfo info)
+{
+    switch (info) {
+    case PARTINFO_NOT_LAST_PART: return tString("PARTINFO_NOT_LAST_PART");
+    case PARTINFO_LAST_PART: return tString("PARTINFO_LAST_PART");
+    }
+    return tString("invalid");
+}
+
+tBlob* nk_telegramPart::isSinglePartTelegram()
+{
+    if (!isLastPart() || m_u32PartId != 1) return nullptr;
+    deCompress();
+    return m_pPayload;
+}
+
+unsigned int nk_telegramPart::serializedSize() const
+{
+    uint64_t n = frameBytes(m_pPayload->size());
+    return n > 0xFFFFFFFFu ? 0 : static_cast<unsigned int>(n);
+}
+
+bool nk_telegramPart::serialize(tBlob* out)
+{
+    if (!out) return false;
+    const unsigned int payloadLength = m_pPayload->size();
+    const uint64_t total = frameBytes(payloadLength);
+    if (total + out->size() > 0xFFFFFFFFu) return false;
+
+    unsigned char header[kHeaderBytes];
+    nk::writeLE<uint32_t>(header + 0, m_u32Src);
+    nk::writeLE<uint32_t>(header + 4, m_u32Dest);
+    nk::writeLE<uint32_t>(header + 8, m_u32Id);
+    nk::writeLE<uint32_t>(header + 12, m_u32PartId);
+    nk::writeLE<uint32_t>(header + 16, m_u32Timestamp);
+    // The three fields sit in disjoint bits; '+' and '|' give the same byte.
+    header[20] = static_cast<unsigned char>((m_eType & kTypeMask) | (m_ePartInfo & kPartInfoMask) |
+                                            (m_eCompression & kCompressionMask));
+    nk::writeLE<uint32_t>(header + 21, payloadLength);
+    unsigned char const* payload = m_pPayload->getBuffer();
+    unsigned char crc = crc_crc8init(header, kHeaderBytes);
+    crc = crc_crc8update(crc, payload, payloadLength);
+
+    const unsigned int start = out->size();
+    unsigned char* frame = out->resize(start + static_cast<unsigned int>(total)) + start;
+    frame[0] = kFrameStart;
+    tBase128Writer writer(frame + 1);
+    writer.feed(header, kHeaderBytes);
+    writer.feed(payload, payloadLength);
+    writer.feed(&crc, kCrcBytes);
+    *writer.finish() = kFrameEnd;
+    return true;
+}
+
+bool nk_telegramPart::streamContainsTelegram(tBlob* stream)
+{
+    if (!stream || stream->size() == 0) return false;
+    const unsigned int startIndex = stream->getIndexOf(kFrameStart);
+    const unsigned int endIndex = stream->getIndexOf(kFrameEnd);
+    // Deliberate: a stray end byte ahead of the next start byte is not skipped, and the
+    // stream waits until it is gone. Peers rely on a frame never being cut out of bytes
+    // that began before it, so this stays.
+    if (startIndex == 0xFFFFFFFFu || endIndex == 0xFFFFFFFFu ||
+        static_cast<int32_t>(endIndex) <= static_cast<int32_t>(startIndex))
+        return false;
+
+    bool valid = false;
+    const unsigned int encodedLength = endIndex - startIndex - 1;
+    if (encodedLength != 0) {
+        // The decoded body is never longer than the encoded bytes that are present, so this
+        // allocation is bounded by the input. It becomes the payload when the frame is good.
+        tBlob body;
+        const unsigned int bodyLength = base128::decodedSize(encodedLength);
+        unsigned char* b = body.resize(bodyLength);
+        base128::decode(b, stream->getBuffer() + startIndex + 1, encodedLength);
+        if (crc_crc8init(b, bodyLength) == 0) valid = readBody(body);
+    }
+    stream->slice(endIndex + 1);
+    return valid;
+}
+
+bool nk_telegramPart::readBody(tBlob& body)
+{
+    // Fields are taken one by one, each checked against the bytes that remain; those read
+    // before a short one keep their new values.
+    unsigned char const* b = body.getBuffer();
+    const unsigned int n = body.size();
+    unsigned int at = 0;
+    auto u32 = [&](unsigned int& field) {
+        if (n - at < 4) return false;
+        field = nk::readLE<uint32_t>(b + at);
+        at += 4;
+        return true;
+    };
+    unsigned int flags = 0;
+    if (!u32(m_u32Src) || !u32(m_u32Dest) || !u32(m_u32Id) || !u32(m_u32PartId) || !u32(m_u32Timestamp))
+        return false;
+    if (n - at < 1) return false;
+    flags = b[at++];
+    m_pPayload->clear();
+    unsigned int payloadLength = 0;
+    if (!u32(payloadLength)) return false;
+    // Refused before anything is allocated or moved for it.
+    if (payloadLength > n - at) return false;
+    m_eType = static_cast<teType>(flags & kTypeMask);
+    m_ePartInfo = static_cast<tePartInfo>(flags & kPartInfoMask);
+    m_eCompression = static_cast<teCompression>(flags & kCompressionMask);
+    // The decoded body becomes the payload without a copy: drop the header in front and
+    // whatever follows the payload (the CRC byte).
+    body.slice(at);
+    body.resize(payloadLength);
+    m_pPayload->swap(body);
+    return true;
+}
