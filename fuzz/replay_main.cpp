@@ -32,6 +32,6 @@ int main(int argc, char** argv)
             runFile(p, count);
         }
     }
-    std::printf("replayed %u inputs\n", count);
+    std::fprintf(stderr, "replayed %u inputs\n", count);  // stderr: targets may silence stdout
     return 0;
 }
