@@ -1,0 +1,449 @@
+// Two engines joined by a real byte link: an in-memory pipe and a non-blocking socketpair.
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "nk_protocol.h"
+#include "tTime.h"
+
+namespace
+{
+typedef std::vector<std::string> Lines;
+
+tBlob randomBlob(unsigned int n, unsigned int seed)
+{
+    std::mt19937 rng(seed);
+    tBlob b;
+    unsigned char* p = b.resize(n);
+    for (unsigned int i = 0; i < n; ++i) p[i] = static_cast<unsigned char>(rng());
+    return b;
+}
+
+tBlob textBlob(char const* s) { return tBlob(reinterpret_cast<unsigned char const*>(s), static_cast<unsigned int>(strlen(s))); }
+
+tBlob reversed(tBlob const& b)
+{
+    tBlob r(b);
+    std::reverse(r.getBuffer(), r.getBuffer() + r.size());
+    return r;
+}
+
+bool contains(Lines const& lines, std::string const& line)
+{
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+struct MaxPayload
+{
+    explicit MaxPayload(unsigned int n) : saved(nk_telegram::s_u32MaxPayloadSize) { nk_protocol::setMaxPayloadSize(n); }
+    ~MaxPayload() { nk_telegram::s_u32MaxPayloadSize = saved; }
+    unsigned int saved;
+};
+
+struct Response
+{
+    unsigned int address;
+    tBlob content;
+    bool timedOut;
+    long long tag;
+};
+
+// One engine with its log, what its application received and how it answers. Bytes it
+// sends are appended to the inbound buffers of its peers.
+struct Endpoint
+{
+    enum Answer { REVERSE, NOTHING };
+
+    Endpoint(unsigned int address, unsigned int defaultTimeout_s = 10)
+        : engine(address, onRequest, this, defaultTimeout_s, nullptr, &log, onLog)
+    {
+    }
+
+    static void onLog(void* ctx, char const* text) { static_cast<Lines*>(ctx)->push_back(text); }
+    static void onRequest(unsigned int src, tBlob* content, void* ctx)
+    {
+        Endpoint* self = static_cast<Endpoint*>(ctx);
+        self->requests.push_back(Response{src, *content, false, 0});
+        if (self->answer == NOTHING)
+            content->clear();
+        else
+            *content = reversed(*content);
+    }
+    static void onResponse(unsigned int address, tBlob* content, void* context, bool timedOut, void* userData)
+    {
+        Endpoint* self = static_cast<Endpoint*>(context);
+        self->responses.push_back(
+            Response{address, content ? *content : tBlob(), timedOut, reinterpret_cast<long long>(userData)});
+    }
+    static unsigned int send(nk_server*, void* ctx, unsigned char* data, unsigned int length, int*)
+    {
+        Endpoint* self = static_cast<Endpoint*>(ctx);
+        for (tBlob* out : self->peers) out->append(data, length);
+        self->wire += length;
+        return length;
+    }
+    static unsigned int recv(nk_server*, void* ctx, unsigned char* data, unsigned int length, int*)
+    {
+        tBlob& in = static_cast<Endpoint*>(ctx)->inbound;
+        unsigned int n = std::min(length, in.size());
+        memcpy(data, in.getBuffer(), n);
+        in.slice(n);
+        return n;
+    }
+    void poll() { engine.poll(nullptr, this, send, recv); }
+    void request(tBlob content, unsigned int dest, long long tag, unsigned int timeout_s = 0)
+    {
+        engine.enqueue_TS(&content, dest, onResponse, timeout_s, reinterpret_cast<void*>(tag));
+    }
+
+    Lines log;
+    nk_protocol engine;
+    tBlob inbound;
+    std::vector<tBlob*> peers;
+    std::vector<Response> requests;
+    std::vector<Response> responses;
+    Answer answer = REVERSE;
+    unsigned long long wire = 0;
+};
+
+void join(Endpoint& a, Endpoint& b)
+{
+    a.peers.push_back(&b.inbound);
+    b.peers.push_back(&a.inbound);
+}
+
+void pollBoth(Endpoint& a, Endpoint& b, int rounds = 3)
+{
+    for (int i = 0; i < rounds; ++i) {
+        a.poll();
+        b.poll();
+    }
+}
+}
+
+TEST(Protocol, RequestAndResponseThroughAPipe)
+{
+    Endpoint a(1), b(2);
+    join(a, b);
+    a.request(textBlob("ping"), 2, 77);
+    const unsigned int id = nk_protocol::u32TlgNumber;
+    a.poll();
+    b.poll();  // takes the request and queues the answer
+    b.poll();  // sends the answer
+    a.poll();
+    ASSERT_EQ(b.requests.size(), 1u);
+    EXPECT_EQ(b.requests[0].address, 1u);
+    EXPECT_EQ(b.requests[0].content, textBlob("ping"));
+    ASSERT_EQ(a.responses.size(), 1u);
+    EXPECT_EQ(a.responses[0].address, 2u);
+    EXPECT_EQ(a.responses[0].content, textBlob("gnip"));
+    EXPECT_FALSE(a.responses[0].timedOut);
+    EXPECT_EQ(a.responses[0].tag, 77);
+    EXPECT_EQ(a.engine.queuedTelegrams_TS(), 0u);
+
+    std::string t = std::to_string(id);
+    EXPECT_EQ(a.log, (Lines{"send request with response required, don't remove' (tid: " + t + "; src: 1; dest: 2)",
+                            "stream contains data", "received telegram for me (tlg-id: " + t + ")",
+                            "received single part telegram (tlg-id: " + t + ")", "handle response (size 4)",
+                            "remove request"}));
+    EXPECT_EQ(b.log, (Lines{"stream contains data", "received telegram for me (tlg-id: " + t + ")",
+                            "received single part telegram (tlg-id: " + t + ")",
+                            "prot: send response (id: " + t + "; src: 2; dest: 1)",
+                            "send response telegram, remove it (tid: " + t + "; src: 2; dest: 1)"}));
+
+    // Without a response callback the request is removed once sent, yet a receive callback
+    // that leaves content answers it all the same; the answer finds no request.
+    a.log.clear();
+    tBlob note = textBlob("note");
+    a.engine.enqueue_TS(&note, 2, nullptr, 0, nullptr);
+    pollBoth(a, b);
+    EXPECT_EQ(b.requests.size(), 2u);
+    EXPECT_TRUE(contains(a.log, "did not find request for response"));
+    b.answer = Endpoint::NOTHING;
+    b.log.clear();
+    a.request(textBlob("quiet"), 2, 78);
+    pollBoth(a, b);
+    EXPECT_TRUE(contains(b.log, "no response to request required"));
+    EXPECT_EQ(a.responses.size(), 1u);
+    EXPECT_EQ(a.engine.queuedTelegrams_TS(), 1u);  // still waiting for its answer
+}
+
+TEST(Protocol, BroadcastOtherAddressesAndTwoResponses)
+{
+    Endpoint a(1), b(2), c(3);
+    join(a, b);
+    join(a, c);
+    a.request(textBlob("all"), nk_basicTelegram::ADDRESS_BROADCAST, 5);
+    const std::string id = std::to_string(nk_protocol::u32TlgNumber);
+    a.poll();
+    for (int i = 0; i < 2; ++i) {
+        b.poll();
+        c.poll();
+    }
+    a.poll();
+    // Both answer to the sender's address; the first answer is delivered, the second one
+    // finds no request any more.
+    ASSERT_EQ(b.requests.size(), 1u);
+    ASSERT_EQ(c.requests.size(), 1u);
+    EXPECT_TRUE(contains(b.log, "received broadcast telegram (tlg-id: " + id + ")"));
+    EXPECT_TRUE(contains(c.log, "prot: send response (id: " + id + "; src: 3; dest: 1)"));
+    ASSERT_EQ(a.responses.size(), 1u);
+    EXPECT_EQ(a.responses[0].address, 2u);
+    EXPECT_EQ(a.responses[0].content, textBlob("lla"));
+    EXPECT_TRUE(contains(a.log, "did not find request for response"));
+
+    // A frame for another address reaches c's link too and is dropped there.
+    c.log.clear();
+    a.request(textBlob("only b"), 2, 6);
+    a.poll();
+    c.poll();
+    EXPECT_EQ(c.requests.size(), 1u);
+    EXPECT_EQ(c.log, (Lines{"stream contains data", "received telegram is addressed to another instance (1 -> 2; own address: 3)"}));
+    b.poll();
+    b.poll();
+    a.poll();
+    EXPECT_EQ(a.responses.size(), 2u);
+
+    // The answer is matched by id alone: c answers a request that a sent to b.
+    a.request(textBlob("for b"), 2, 7);
+    const unsigned int forB = nk_protocol::u32TlgNumber;
+    a.poll();
+    tBlob fake = textBlob("from c");
+    c.engine.respond_TS(&fake, 1, forB);
+    c.inbound.clear();
+    c.poll();
+    a.poll();
+    ASSERT_EQ(a.responses.size(), 3u);
+    EXPECT_EQ(a.responses[2].address, 3u);
+    EXPECT_EQ(a.responses[2].tag, 7);
+
+    // Ids wrap from 0xFFFFFFFF to 0, which is used like any other.
+    nk_protocol::u32TlgNumber = 0xFFFFFFFFu;
+    a.request(textBlob("zero"), 2, 8);
+    EXPECT_EQ(nk_protocol::u32TlgNumber, 0u);
+    pollBoth(a, b);  // b's late answer to "for b" finds no request; "zero" is answered
+    ASSERT_EQ(a.responses.size(), 4u);
+    EXPECT_EQ(a.responses[3].tag, 8);
+    EXPECT_EQ(a.responses[3].content, textBlob("orez"));
+}
+
+TEST(Protocol, MultiPartContentBothWaysCompressedOrNot)
+{
+    MaxPayload limit(100);
+    Endpoint a(1), b(2);
+    join(a, b);
+    tBlob random = randomBlob(5000, 11);
+    tBlob text;
+    for (int i = 0; i < 20000; ++i) text.append(static_cast<unsigned char>('a' + i / 50 % 26));
+    a.request(random, 2, 1);
+    pollBoth(a, b);
+    const unsigned long long plainWire = a.wire;
+    EXPECT_GT(plainWire, 5000u);  // incompressible: more on the wire than the content
+    a.request(text, 2, 2);
+    pollBoth(a, b);
+    EXPECT_LT(a.wire - plainWire, 20000u / 10);  // compressed before it was cut into parts
+    ASSERT_EQ(a.responses.size(), 2u);
+    EXPECT_EQ(a.responses[0].content, reversed(random));
+    EXPECT_EQ(a.responses[1].content, reversed(text));
+    ASSERT_EQ(b.requests.size(), 2u);
+    EXPECT_EQ(b.requests[1].content, text);
+    EXPECT_TRUE(contains(b.log, "received telegram is now complete (tlg.-id: " +
+                                    std::to_string(nk_protocol::u32TlgNumber - 1) + ", content: 5000 bytes)"));
+    EXPECT_TRUE(contains(b.log, "telegram handled, remove it (tlg-id: " +
+                                    std::to_string(nk_protocol::u32TlgNumber) + ")"));
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 0u);
+
+    // Parts out of order never complete: the context stays open.
+    nk_protocol::u32TlgNumber += 1;
+    tBlob frames;
+    for (unsigned int id : {2u, 1u}) {
+        tBlob payload = randomBlob(10, id);
+        nk_telegramPart part(nk_protocol::u32TlgNumber, 1, 2, id, 0, id == 2, &payload,
+                             nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE, nk_basicTelegram::COMPRESSION_NONE);
+        part.serialize(&frames);
+    }
+    b.engine.pushData(frames.getBuffer(), frames.size());
+    b.poll();
+    EXPECT_EQ(b.requests.size(), 2u);
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 1u);
+}
+
+TEST(Protocol, CorruptAndTruncatedFramesBetweenGoodOnes)
+{
+    Endpoint b(2);
+    b.answer = Endpoint::NOTHING;
+    auto frame = [](unsigned int id) {
+        tBlob payload = randomBlob(40, id), out;
+        nk_telegramPart part(id, 1, 2, 1, 0, true, &payload, nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE,
+                             nk_basicTelegram::COMPRESSION_NONE);
+        part.serialize(&out);
+        return out;
+    };
+    tBlob stream = frame(101);
+    tBlob corrupt = frame(102);
+    corrupt.getBuffer()[20] ^= 0x10;
+    stream.append(corrupt);
+    stream.append(frame(103));
+    tBlob truncated = frame(104);
+    stream.append(truncated.getBuffer(), truncated.size() / 2);  // its end byte never comes
+    stream.append(frame(105));                                   // swallowed with it
+    stream.append(frame(106));
+
+    // Each round stops at the first invalid frame; the frames behind it wait for new bytes.
+    unsigned char junk = 0x80;
+    b.engine.pushData(stream.getBuffer(), stream.size());
+    b.poll();
+    ASSERT_EQ(b.requests.size(), 1u);
+    b.poll();
+    EXPECT_EQ(b.requests.size(), 1u);
+    b.engine.pushData(&junk, 1);
+    b.poll();
+    EXPECT_EQ(b.requests.size(), 2u);
+    b.engine.pushData(&junk, 1);
+    b.poll();
+    ASSERT_EQ(b.requests.size(), 3u);
+    EXPECT_EQ(b.requests[0].content, randomBlob(40, 101));
+    EXPECT_EQ(b.requests[1].content, randomBlob(40, 103));
+    EXPECT_EQ(b.requests[2].content, randomBlob(40, 106));
+    EXPECT_EQ(b.engine.pendingStreamBytes(), 2u);  // junk waits for a frame
+
+    // A stray end byte ahead of the next start byte holds the stream for good.
+    unsigned char stray[] = {0x02};
+    b.engine.pushData(stray, 1);
+    tBlob good = frame(107);
+    b.engine.pushData(good.getBuffer(), good.size());
+    b.poll();
+    b.engine.pushData(good.getBuffer(), good.size());
+    b.poll();
+    EXPECT_EQ(b.requests.size(), 3u);
+    EXPECT_EQ(b.engine.pendingStreamBytes(), 3 + 2 * good.size());
+}
+
+TEST(Protocol, TimeOutsLateResponsesAndSendFailures)
+{
+    Endpoint a(1, 1), b(2);
+    join(a, b);
+    a.request(textBlob("late"), 2, 9);  // time-out 0: a's default of 1 s
+    const std::string id = std::to_string(nk_protocol::u32TlgNumber);
+    const long long start = tTime::now();
+    while (a.responses.empty() && tTime::now() - start < 5) {
+        a.poll();
+        tTime::sleep(50);
+    }
+    ASSERT_EQ(a.responses.size(), 1u);
+    EXPECT_TRUE(a.responses[0].timedOut);
+    EXPECT_EQ(a.responses[0].address, 0xFFFFFFFFu);
+    EXPECT_EQ(a.responses[0].tag, 9);
+    EXPECT_TRUE(contains(a.log, "outgoing request timed out, notify timeout and remove (tid: " + id + ")"));
+    pollBoth(a, b);  // the answer comes after the time-out: nobody waits for it
+    EXPECT_EQ(b.requests.size(), 1u);
+    EXPECT_EQ(a.responses.size(), 1u);
+    EXPECT_TRUE(contains(a.log, "did not find request for response"));
+
+    // No send function: every unsent telegram is dropped without its callback.
+    a.log.clear();
+    a.request(textBlob("nowhere"), 2, 10);
+    a.engine.poll(nullptr, &a, nullptr, nullptr);
+    EXPECT_EQ(a.log, Lines{"can't send telegram, no send method, remove telegram"});
+    EXPECT_EQ(a.engine.queuedTelegrams_TS(), 0u);
+
+    // A link that keeps asking to try again: five waits of 500 ms, then the telegram goes.
+    a.log.clear();
+    a.request(textBlob("stuck"), 2, 11);
+    const std::string stuck = std::to_string(nk_protocol::u32TlgNumber);
+    unsigned int calls = 0;
+    auto busy = [](nk_server*, void* ctx, unsigned char*, unsigned int, int* error) -> unsigned int {
+        ++*static_cast<unsigned int*>(ctx);
+        *error = EAGAIN;
+        return 0;
+    };
+    a.engine.poll(nullptr, &calls, busy, nullptr);
+    EXPECT_EQ(calls, 5u);
+    EXPECT_EQ(a.log, Lines{"sending telegram failed, remove it (tid: " + stuck + ")"});
+    EXPECT_EQ(a.responses.size(), 1u);
+}
+
+namespace
+{
+// One end of a non-blocking socketpair whose send function takes random slices and now and
+// then claims the link is busy.
+struct SocketEnd
+{
+    int fd;
+    std::mt19937 rng;
+    unsigned int sendCalls = 0;
+    unsigned int busyAnswers = 0;
+
+    static unsigned int send(nk_server*, void* ctx, unsigned char* data, unsigned int length, int* error)
+    {
+        SocketEnd* self = static_cast<SocketEnd*>(ctx);
+        if (++self->sendCalls == 25) {  // once: each costs the engine a 500 ms wait
+            ++self->busyAnswers;
+            *error = EAGAIN;
+            return 0;
+        }
+        unsigned int slice = 1 + self->rng() % length;
+        ssize_t n = ::send(self->fd, data, slice, MSG_NOSIGNAL);
+        if (n > 0) return static_cast<unsigned int>(n);
+        *error = errno;
+        return 0;
+    }
+    static unsigned int recv(nk_server*, void* ctx, unsigned char* data, unsigned int length, int*)
+    {
+        ssize_t n = ::recv(static_cast<SocketEnd*>(ctx)->fd, data, length, 0);
+        return n > 0 ? static_cast<unsigned int>(n) : 0;
+    }
+};
+
+std::vector<Response> g_socketResponses;
+void onSocketResponse(unsigned int address, tBlob* content, void*, bool timedOut, void* userData)
+{
+    g_socketResponses.push_back(
+        Response{address, content ? *content : tBlob(), timedOut, reinterpret_cast<long long>(userData)});
+}
+void reverseRequest(unsigned int, tBlob* content, void*) { *content = reversed(*content); }
+}
+
+TEST(Protocol, SocketpairWithPartialAndBusySends)
+{
+    MaxPayload limit(512);
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    for (int fd : fds) ASSERT_EQ(fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK), 0);
+    SocketEnd ea{fds[0], std::mt19937(1)}, eb{fds[1], std::mt19937(2)};
+    nk_protocol a(1, nullptr, nullptr, 30, nullptr, nullptr, nullptr);
+    nk_protocol b(2, reverseRequest, nullptr, 30, nullptr, nullptr, nullptr);
+
+    std::vector<tBlob> sent;
+    g_socketResponses.clear();
+    for (unsigned int i = 0; i < 40; ++i) {
+        tBlob content = randomBlob(1 + (i * 397) % 6000, i);
+        if (i % 3 == 0) std::fill(content.getBuffer(), content.getBuffer() + content.size() / 2, 'z');
+        sent.push_back(content);
+        a.enqueue_TS(&content, 2, onSocketResponse, 0, reinterpret_cast<void*>(static_cast<long long>(i)));
+        a.poll(nullptr, &ea, SocketEnd::send, SocketEnd::recv);
+        b.poll(nullptr, &eb, SocketEnd::send, SocketEnd::recv);
+    }
+    const long long start = tTime::now();
+    while (g_socketResponses.size() < sent.size() && tTime::now() - start < 20) {
+        a.poll(nullptr, &ea, SocketEnd::send, SocketEnd::recv);
+        b.poll(nullptr, &eb, SocketEnd::send, SocketEnd::recv);
+    }
+    ASSERT_EQ(g_socketResponses.size(), sent.size());
+    for (Response const& r : g_socketResponses) {
+        EXPECT_FALSE(r.timedOut);
+        EXPECT_EQ(r.address, 2u);
+        EXPECT_EQ(r.content, reversed(sent[r.tag])) << r.tag;
+    }
+    EXPECT_EQ(ea.busyAnswers + eb.busyAnswers, 2u);
+    close(fds[0]);
+    close(fds[1]);
+}
