@@ -1,0 +1,46 @@
+#include "engine_binding.h"
+
+#include <cerrno>
+#include <cstdio>
+
+EngineBinding::EngineBinding(std::shared_ptr<Link> link, nk_protocol& engine)
+    : m_link(std::move(link)), m_engine(engine)
+{
+}
+
+EngineBinding::~EngineBinding()
+{
+    m_link->close();
+}
+
+void EngineBinding::start(Link::CloseHandler onClose)
+{
+    m_link->start(
+        [this](unsigned char const* data, std::size_t length) {
+            // pushData takes the bytes by copy; its parameter is not const for historical reasons.
+            m_engine.pushData(const_cast<unsigned char*>(data), static_cast<unsigned int>(length));
+            poll();
+        },
+        std::move(onClose));
+}
+
+void EngineBinding::poll()
+{
+    m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
+}
+
+unsigned int EngineBinding::sendToLink(nk_server*, void* ctx, unsigned char* data, unsigned int length,
+                                       int* error)
+{
+    auto* self = static_cast<EngineBinding*>(ctx);
+    if (self->m_link->queue(data, length)) return length;
+    // A closed link or a peer that stopped reading: a hard error, so the telegram is dropped
+    // at once instead of being retried.
+    if (error) *error = EPIPE;
+    return 0;
+}
+
+void EngineBinding::logToStderr(void* prefix, char const* text)
+{
+    std::fprintf(stderr, "%s: %s\n", prefix ? static_cast<char const*>(prefix) : "engine", text);
+}

@@ -1,0 +1,94 @@
+#ifndef NK_TOOLS_LINK_H
+#define NK_TOOLS_LINK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <asio.hpp>
+
+// One byte link (a TCP connection or a serial port) driven by the io_context of the polling
+// thread. Bytes that arrive go to the receive handler; bytes to send are appended to the
+// link's own output queue, which asio drains asynchronously. queue() therefore never blocks,
+// and the engine's send function never has to ask for a retry.
+class Link : public std::enable_shared_from_this<Link>
+{
+public:
+    using ReceiveHandler = std::function<void(unsigned char const* data, std::size_t length)>;
+    using CloseHandler = std::function<void(std::string const& reason)>;
+
+    // A peer that stops reading must not make the process grow without bound: beyond this
+    // many unsent bytes queue() refuses, and the telegram that asked is dropped.
+    static constexpr std::size_t kMaxQueuedBytes = 256u << 20;
+
+    explicit Link(std::string name) : m_name(std::move(name)) {}
+    virtual ~Link() = default;
+    Link(Link const&) = delete;
+    Link& operator=(Link const&) = delete;
+
+    // Starts reading. The close handler runs once, when the peer or an error ends the link.
+    void start(ReceiveHandler onReceive, CloseHandler onClose);
+    bool queue(unsigned char const* data, std::size_t length);
+    void close();
+
+    bool isOpen() const { return m_open; }
+    std::size_t unsentBytes() const { return m_pending.size() - m_pendingOffset + m_writing.size(); }
+    std::uint64_t bytesWritten() const { return m_bytesWritten; }
+    std::string const& name() const { return m_name; }
+
+protected:
+    using ReadDone = std::function<void(std::error_code, std::size_t)>;
+    virtual void asyncReadSome(asio::mutable_buffer buffer, ReadDone done) = 0;
+    virtual void asyncWrite(asio::const_buffer buffer, ReadDone done) = 0;
+    virtual void closeStream() = 0;
+
+private:
+    void readMore();
+    void writeMore();
+    void fail(std::string const& reason);
+
+    // Writes go out in slices so that a long transfer reports its progress as it goes.
+    static constexpr std::size_t kWriteSlice = 64u << 10;
+
+    std::string m_name;
+    bool m_open = true;
+    ReceiveHandler m_onReceive;
+    CloseHandler m_onClose;
+    std::vector<unsigned char> m_readBuffer;
+    std::vector<unsigned char> m_pending;
+    std::size_t m_pendingOffset = 0;
+    std::vector<unsigned char> m_writing;
+    std::uint64_t m_bytesWritten = 0;
+};
+
+// A link over any asio stream with async_read_some / async_write_some (sockets, serial ports).
+template <typename Stream>
+class StreamLink : public Link
+{
+public:
+    StreamLink(Stream stream, std::string name) : Link(std::move(name)), m_stream(std::move(stream)) {}
+    Stream& stream() { return m_stream; }
+
+protected:
+    void asyncReadSome(asio::mutable_buffer buffer, ReadDone done) override
+    {
+        m_stream.async_read_some(buffer, std::move(done));
+    }
+    void asyncWrite(asio::const_buffer buffer, ReadDone done) override
+    {
+        asio::async_write(m_stream, buffer, std::move(done));
+    }
+    void closeStream() override
+    {
+        std::error_code ignored;
+        m_stream.close(ignored);
+    }
+
+private:
+    Stream m_stream;
+};
+
+#endif

@@ -1,0 +1,107 @@
+#ifndef NK_TOOLS_DEVICE_H
+#define NK_TOOLS_DEVICE_H
+
+#include <memory>
+#include <string>
+
+#include "device_store.h"
+#include "nkProtocol.h"
+#include "nk_messageSetConfig.h"
+#include "nk_messageSetSchedules.h"
+
+// The state a reference display device holds and persists in its data directory, and the
+// dispatch of one received request to the handler of its family. Runs on the polling thread
+// only: the engines' receive callbacks call handle().
+class Device
+{
+public:
+    enum EventType : unsigned short
+    {
+        EVENT_STARTED = 1,
+        EVENT_REQUEST = 2,
+        EVENT_ERROR = 3,
+        EVENT_TIME_SET = 4,
+        EVENT_STOPPED = 5,
+    };
+    // Categories 0 and 1 carry the colours of the events response; the rest have none.
+    enum EventCategory : unsigned char
+    {
+        CATEGORY_ERROR = 0,
+        CATEGORY_NOTICE = 1,
+        CATEGORY_INFO = 2,
+    };
+
+    struct Counters
+    {
+        unsigned int imgUpdateCount = 0;
+        unsigned int requests = 0;
+        unsigned int errors = 0;
+        unsigned int configUpdates = 0;
+        unsigned int scheduleUpdates = 0;
+    };
+
+    Device(DeviceStore& store, unsigned int address, unsigned int serial);
+    ~Device();
+    Device(Device const&) = delete;
+    Device& operator=(Device const&) = delete;
+
+    // Reads what the data directory holds. Unreadable files are reported as error events
+    // and replaced by defaults on the next change.
+    void load();
+
+    // One received request: the serialized answer is left in content, or content is emptied
+    // when there is nothing to answer.
+    void handle(unsigned int source, tBlob* content, std::string const& peer);
+
+    DeviceStore& store() { return m_store; }
+    unsigned int address() const { return m_address; }
+    unsigned int serial() const { return m_serial; }
+
+    nk_messageSetConfigReq& config() { return *m_config; }
+    bool saveConfig();
+
+    nk_messageSetSchedulesReq& schedules() { return *m_schedules; }
+    nk_message::teVersion schedulesVersion() const { return m_schedulesVersion; }
+    // Stores the held set as a body of the given version, which its checksum then uses.
+    bool saveSchedules(nk_message::teVersion version);
+
+    nk_messageEventsRsp& events() { return *m_events; }
+    void recordEvent(EventType type, EventCategory category, tString const& text,
+                     tString const& refImage = tString());
+
+    Counters& counters() { return m_counters; }
+    bool saveCounters();
+
+    // The device clock: the host's clock plus the offset that the last TIME message set.
+    long long clock() const;
+    long long clockOffset() const { return m_clockOffset; }
+    bool setClockOffset(long long offset);
+
+    // The state response: serial, names, both checksums, the images held.
+    std::unique_ptr<nk_messageStateRsp> stateResponse(nk_message::teVersion version);
+
+    void requestShutdown() { m_shutdownRequested = true; }
+    bool shutdownRequested() const { return m_shutdownRequested; }
+
+private:
+    std::unique_ptr<nk_message> dispatch(nk_message& request);
+    void loadConfig();
+    void loadSchedules();
+    void loadEvents();
+    void loadCounters();
+    void loadClock();
+
+    DeviceStore& m_store;
+    unsigned int m_address;
+    unsigned int m_serial;
+    std::unique_ptr<nk_messageSetConfigReq> m_config;
+    std::unique_ptr<nk_messageSetSchedulesReq> m_schedules;
+    nk_message::teVersion m_schedulesVersion = nk_message::VERSION_2;
+    std::unique_ptr<nk_messageEventsRsp> m_events;
+    unsigned int m_nextEventId = 1;
+    Counters m_counters;
+    long long m_clockOffset = 0;
+    bool m_shutdownRequested = false;
+};
+
+#endif

@@ -1,0 +1,58 @@
+#ifndef NK_TOOLS_DEVICE_SERVER_H
+#define NK_TOOLS_DEVICE_SERVER_H
+
+#include <list>
+#include <memory>
+#include <string>
+
+#include <asio.hpp>
+
+#include "device.h"
+#include "engine_binding.h"
+#include "poll_timer.h"
+#include "tcp.h"
+
+// Serves one device on its links: every TCP connection (or the serial port) gets its own
+// protocol engine with the device's address, so stations never share a stream buffer; all
+// engines and the device run on the one thread that runs the io_context.
+class DeviceServer
+{
+public:
+    struct Options
+    {
+        bool verbose = false;
+        unsigned int pollPeriod_ms = 20;
+    };
+
+    DeviceServer(asio::io_context& io, Device& device, Options const& options);
+    ~DeviceServer();
+
+    // Throws ToolError when the address cannot be bound; gives the bound address.
+    Endpoint listen(Endpoint const& ep);
+    // Throws ToolError when the port cannot be opened. A port that fails later is reopened.
+    void openSerial(std::string const& path, unsigned int baud);
+    // Stops after the answers already queued are written (at most about two seconds).
+    void stop();
+
+private:
+    struct Connection;
+    void addConnection(std::shared_ptr<Link> link);
+    void dropConnection(unsigned long long id, std::string const& reason);
+    void tick();
+    bool allFlushed() const;
+    static void onRequest(unsigned int source, tBlob* content, void* context);
+
+    asio::io_context& m_io;
+    Device& m_device;
+    Options m_options;
+    std::unique_ptr<TcpListener> m_listener;
+    std::list<std::unique_ptr<Connection>> m_connections;
+    PollTimer m_timer;
+    std::string m_serialPath;
+    unsigned int m_serialBaud = 0;
+    long long m_reopenAt_ms = -1;
+    long long m_stopDeadline_ms = -1;
+    unsigned long long m_lastConnectionId = 0;
+};
+
+#endif

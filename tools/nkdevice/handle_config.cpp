@@ -1,0 +1,15 @@
+#include "handlers.h"
+
+Reply handleConfig(Device& device, nk_messageSetConfigReq& request)
+{
+    device.config().setConfigFrom(&request);
+    ++device.counters().configUpdates;
+    if (!device.saveConfig())
+        device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_ERROR, "configuration could not be stored");
+    Reply reply(new nk_messageSetConfigRsp(request.version()));
+    auto* response = static_cast<nk_messageSetConfigRsp*>(reply.get());
+    // The checksum of what the device now holds, not of what it was sent: the station
+    // compares the two.
+    response->setChecksum(device.config().checksum(request.version()));
+    return reply;
+}

@@ -1,0 +1,89 @@
+// nkdevice: a reference display device. It serves the protocol on a TCP address or a serial
+// port, answers every request type the library knows and keeps its state in a data directory.
+#include <cstdio>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "device_server.h"
+#include "output.h"
+#include "tool_error.h"
+
+namespace
+{
+void announce(char const* event, std::string const& key, std::string const& value, std::string const& dataDir)
+{
+    tJson line;
+    line.addString("event", event);
+    if (!key.empty()) line.addString(key.c_str(), tString(value));
+    line.addString("data", tString(dataDir));
+    Output(Output::JSON).emit(line);
+}
+}
+
+int main(int argc, char** argv)
+{
+    CLI::App app{"nkdevice: reference display device serving the nk protocol over TCP or a serial port"};
+    std::string listenAddress = "127.0.0.1:5000";
+    std::string serialPath;
+    unsigned int baud = 115200;
+    std::string addressText = "1";
+    std::string serialNumberText;
+    std::string dataDir = "nkdevice-data";
+    bool verbose = false;
+    auto* listenOption = app.add_option("--listen", listenAddress,
+                                        "TCP address to listen on, HOST:PORT (port 0 picks a free one)")
+                             ->capture_default_str();
+    app.add_option("--serial", serialPath, "serial port (or pseudo-terminal) to serve instead of TCP")
+        ->excludes(listenOption);
+    app.add_option("--baud", baud, "baud rate of the serial port")->capture_default_str();
+    app.add_option("--address", addressText, "the device's protocol address")->capture_default_str();
+    app.add_option("--serial-number", serialNumberText, "serial number reported in the state (default: the address)");
+    app.add_option("--data", dataDir, "data directory holding the device's state")->capture_default_str();
+    app.add_flag("--verbose,-v", verbose, "log connections and the engine's messages on standard error");
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& e) {
+        return app.exit(e);
+    }
+
+    try {
+        const unsigned int address =
+            static_cast<unsigned int>(parseUnsigned(addressText, "device address", 0, 0xFFFFFFFDu));
+        const unsigned int serialNumber =
+            serialNumberText.empty()
+                ? address
+                : static_cast<unsigned int>(parseUnsigned(serialNumberText, "serial number", 0, 0xFFFFFFFFu));
+
+        DeviceStore store(dataDir);
+        Device device(store, address, serialNumber);
+        device.load();
+
+        asio::io_context io;
+        DeviceServer::Options options;
+        options.verbose = verbose;
+        DeviceServer server(io, device, options);
+        asio::signal_set signals(io, SIGINT, SIGTERM);
+        signals.async_wait([&server](std::error_code ec, int) {
+            if (!ec) server.stop();
+        });
+
+        if (!serialPath.empty()) {
+            server.openSerial(serialPath, baud);
+            announce("serving", "serial", serialPath, store.directory());
+        } else {
+            const Endpoint bound = server.listen(parseEndpoint(listenAddress, "127.0.0.1"));
+            announce("listening", "address", bound.text(), store.directory());
+        }
+        device.recordEvent(Device::EVENT_STARTED, Device::CATEGORY_NOTICE, "device started");
+        io.run();
+        device.saveCounters();
+        announce("stopped", "", "", store.directory());
+        return 0;
+    } catch (ToolError const& e) {
+        reportError("nkdevice", e.what());
+    } catch (std::exception const& e) {
+        reportError("nkdevice", e.what());
+    }
+    return 1;
+}
