@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: deps build test demo bench asan tsan clean
+.PHONY: deps build test demo bench asan tsan test-arm bench-arm clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -35,5 +35,18 @@ tsan: deps
 	@cmake --build build-tsan -j$(JOBS)
 	@ctest --test-dir build-tsan --output-on-failure -L concurrency -j$(JOBS)
 
+# Cross build for 32-bit ARM Linux (armhf); CTest runs every test under qemu-arm.
+ARM_BUILD ?= build-arm
+test-arm:
+	@bash scripts/install-deps.sh --arm
+	@cmake -S . -B $(ARM_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/arm-linux-gnueabihf.cmake $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(ARM_BUILD) -j$(JOBS)
+	@ctest --test-dir $(ARM_BUILD) --output-on-failure -j$(JOBS)
+
+# The benchmarks of the ARM build, emulated: a sanity check, not a measurement of a device.
+bench-arm: test-arm
+	@for b in $(ARM_BUILD)/bench/bench_*; do echo "== $$b (qemu-arm)"; qemu-arm $$b --benchmark_min_time=0.05; done
+
 clean:
-	@rm -rf $(BUILD) build-asan build-tsan
+	@rm -rf $(BUILD) build-asan build-tsan $(ARM_BUILD)

@@ -29,5 +29,20 @@ if [ "${1:-}" = "--arm" ] && ! dpkg --print-foreign-architectures | grep -qx arm
   "${sudo_cmd[@]}" dpkg --add-architecture armhf
 fi
 export DEBIAN_FRONTEND=noninteractive
-"${sudo_cmd[@]}" apt-get update -qq
-"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# A mirror caught mid-sync fails one index (seen with bookworm-security armhf); the indexes that
+# did arrive still serve, and the install below fails clearly if a package really is missing.
+"${sudo_cmd[@]}" apt-get update -qq || echo "install-deps: apt-get update reported errors, continuing" >&2
+if "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"; then
+  exit 0
+fi
+[ "${1:-}" = "--arm" ] || exit 1
+# libssl3 is Multi-Arch: same, so both architectures must carry one version. When the amd64 and
+# armhf indexes disagree (one suite's armhf index missing), pin both to the armhf candidate.
+ssl=$(apt-cache policy libssl3:armhf | awk '/Candidate:/ {print $2}')
+echo "install-deps: retrying with OpenSSL $ssl in both architectures" >&2
+pinned=()
+for p in "${missing[@]}"; do
+  case "$p" in libssl-dev|libssl-dev:armhf) ;; *) pinned+=("$p") ;; esac
+done
+"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${pinned[@]}" \
+  "libssl3=$ssl" "libssl3:armhf=$ssl" "libssl-dev=$ssl" "libssl-dev:armhf=$ssl"
