@@ -73,6 +73,7 @@ private:
     void sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn);
     void parseStream();
     void handleResponse(nk_telegramPart& part, tBlob* content);
+    tBlob* fileMultiPart(nk_telegramPart* part, nk_telegram** complete, bool takePayload);
     void removeHandled(nk_telegram* complete, unsigned int id);
     bool frameMayBeReady();
 

@@ -92,6 +92,10 @@ public:
     // Any other part gives null and is left as it is.
     tBlob* isSinglePartTelegram();
 
+    // A new part with this header that takes over the payload bytes; this payload is then
+    // empty. Spares a copy of every payload when a receiver files the parts it reads.
+    nk_telegramPart* detach();
+
     // Appends one frame to out; false (and nothing appended) if out is null or the frame
     // would not fit a blob.
     bool serialize(tBlob* out);
@@ -151,6 +155,8 @@ public:
     void notifyTimeout();
 
     bool addTelegramPart(nk_telegramPart* part);
+    // As addTelegramPart, but the payload bytes are moved out of part instead of copied.
+    bool adoptTelegramPart(nk_telegramPart* part);
     bool lastPartPresent() const;
     bool isCorrupt();
     tBlob* getCompleteContent();
@@ -163,6 +169,8 @@ public:
 
 private:
     void split(tBlob* work);
+    bool isDuplicate(nk_telegramPart* part) const;
+    void filed(nk_telegramPart* part);
 
     tVector<nk_telegramPart*> m_parts;
     bool m_bSent;

@@ -236,7 +236,8 @@ void nk_protocol::parseStream()
         if (content) {
             log("received single part telegram (tlg-id: %u)", id);
         } else {
-            content = checkTlgPartMatch_TS(&part, &complete);
+            // The scratch part is refilled by the next frame, so its payload can be moved.
+            content = fileMultiPart(&part, &complete, true);
             if (!content) {
                 log("received telegram with multiple parts - incomplete (tlg-id: %u)", id);
                 continue;
@@ -304,6 +305,11 @@ void nk_protocol::removeHandled(nk_telegram* complete, unsigned int id)
 
 tBlob* nk_protocol::checkTlgPartMatch_TS(nk_telegramPart* part, nk_telegram** complete)
 {
+    return fileMultiPart(part, complete, false);
+}
+
+tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete, bool takePayload)
+{
     if (!part) return nullptr;
     if (complete) *complete = nullptr;
     tCriticalSectionLock lock(m_csIncoming);
@@ -311,7 +317,8 @@ tBlob* nk_protocol::checkTlgPartMatch_TS(nk_telegramPart* part, nk_telegram** co
         if (!t || t->telegramId() != part->telegramId() || t->sourceAddress() != part->sourceAddress() ||
             t->destinationAddress() != part->destinationAddress())
             continue;
-        if (!t->addTelegramPart(part)) return nullptr;  // a duplicate
+        const bool added = takePayload ? t->adoptTelegramPart(part) : t->addTelegramPart(part);
+        if (!added) return nullptr;  // a duplicate
         if (!t->lastPartPresent()) {
             log("received telegram is NOT complete now");
             return nullptr;

@@ -151,17 +151,34 @@ void nk_telegram::notifyTimeout()
     if (m_pCallback) m_pCallback(ADDRESS_NONE, nullptr, m_pContext, true, m_pUserData);
 }
 
+bool nk_telegram::isDuplicate(nk_telegramPart* part) const
+{
+    if (m_parts.empty() || part->partId() > m_u32HighestPartId) return false;
+    for (nk_telegramPart* p : m_parts)
+        if (p && p->partId() == part->partId() && p->destinationAddress() == part->destinationAddress() &&
+            p->sourceAddress() == part->sourceAddress())
+            return true;
+    return false;
+}
+
+void nk_telegram::filed(nk_telegramPart* part)
+{
+    if (part->partId() > m_u32HighestPartId || m_parts.size() == 1) m_u32HighestPartId = part->partId();
+}
+
 bool nk_telegram::addTelegramPart(nk_telegramPart* part)
 {
-    if (!part) return false;
-    if (!m_parts.empty() && part->partId() <= m_u32HighestPartId) {
-        for (nk_telegramPart* p : m_parts)
-            if (p && p->partId() == part->partId() && p->destinationAddress() == part->destinationAddress() &&
-                p->sourceAddress() == part->sourceAddress())
-                return false;
-    }
+    if (!part || isDuplicate(part)) return false;
     m_parts.push_back(new nk_telegramPart(part));
-    if (part->partId() > m_u32HighestPartId || m_parts.size() == 1) m_u32HighestPartId = part->partId();
+    filed(part);
+    return true;
+}
+
+bool nk_telegram::adoptTelegramPart(nk_telegramPart* part)
+{
+    if (!part || isDuplicate(part)) return false;
+    m_parts.push_back(part->detach());
+    filed(m_parts.back());
     return true;
 }
 

@@ -100,6 +100,21 @@ tBlob* nk_telegramPart::isSinglePartTelegram()
     return m_pPayload;
 }
 
+nk_telegramPart* nk_telegramPart::detach()
+{
+    nk_telegramPart* p = new nk_telegramPart();
+    p->m_u32Src = m_u32Src;
+    p->m_u32Dest = m_u32Dest;
+    p->m_u32Id = m_u32Id;
+    p->m_u32Timestamp = m_u32Timestamp;
+    p->m_eType = m_eType;
+    p->m_eCompression = m_eCompression;
+    p->m_u32PartId = m_u32PartId;
+    p->m_ePartInfo = m_ePartInfo;
+    p->m_pPayload->swap(*m_pPayload);
+    return p;
+}
+
 unsigned int nk_telegramPart::serializedSize() const
 {
     uint64_t n = frameBytes(m_pPayload->size());

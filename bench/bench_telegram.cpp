@@ -1,0 +1,255 @@
+// The telegram layer end to end: two engines in one process joined by an in-memory link,
+// small round trips, an idle poll, cutting many frames out of one buffer, and the memory
+// held by idle engines. memcpy of the same bytes runs in the same program for scale.
+#include <benchmark/benchmark.h>
+
+#include <malloc.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "nk_protocol.h"
+
+namespace
+{
+const unsigned int kBig = 64u << 20;
+
+tBlob randomContent(unsigned int n)
+{
+    std::mt19937_64 rng(42);
+    tBlob b;
+    unsigned char* p = b.resize(n);
+    for (unsigned int i = 0; i + 8 <= n; i += 8) {
+        uint64_t v = rng();
+        std::memcpy(p + i, &v, 8);
+    }
+    return b;
+}
+
+// Text-like content: words from a small vocabulary with runs of spaces.
+tBlob compressibleContent(unsigned int n)
+{
+    static char const* words[] = {"display ", "schedule ", "image ", "frame ", "slot ", "        ", "state "};
+    std::mt19937 rng(7);
+    tBlob b;
+    b.reserve(n + 16);
+    while (b.size() < n) {
+        char const* w = words[rng() % 7];
+        b.append(reinterpret_cast<unsigned char const*>(w), static_cast<unsigned int>(std::strlen(w)));
+    }
+    b.resize(n);
+    return b;
+}
+
+// One engine and the buffer its peer writes into.
+struct Endpoint
+{
+    Endpoint(unsigned int address, nk_protocol::tRecvCallback cb)
+        : engine(address, cb, this, 60, nullptr, nullptr, nullptr)
+    {
+    }
+    static unsigned int send(nk_server*, void* ctx, unsigned char* data, unsigned int length, int*)
+    {
+        static_cast<Endpoint*>(ctx)->peer->inbound.append(data, length);
+        return length;
+    }
+    static unsigned int recv(nk_server*, void* ctx, unsigned char* data, unsigned int length, int*)
+    {
+        tBlob& in = static_cast<Endpoint*>(ctx)->inbound;
+        unsigned int n = length < in.size() ? length : in.size();
+        std::memcpy(data, in.getBuffer(), n);
+        in.slice(n);
+        return n;
+    }
+    // A push link: bytes go straight into the peer engine's stream.
+    static unsigned int push(nk_server*, void* ctx, unsigned char* data, unsigned int length, int*)
+    {
+        static_cast<Endpoint*>(ctx)->peer->engine.pushData(data, length);
+        return length;
+    }
+    void poll() { engine.poll(nullptr, this, send, recv); }
+
+    nk_protocol engine;
+    tBlob inbound;
+    Endpoint* peer = nullptr;
+    unsigned long long received = 0;
+};
+
+void takeSilently(unsigned int, tBlob* content, void* ctx)
+{
+    static_cast<Endpoint*>(ctx)->received += content->size();
+    content->clear();
+}
+
+void answer64(unsigned int, tBlob* content, void* ctx)
+{
+    static unsigned char const reply[64] = {1, 2, 3};
+    static_cast<Endpoint*>(ctx)->received += content->size();
+    content->clear();
+    content->append(reply, 64);
+}
+
+void countResponse(unsigned int, tBlob* content, void*, bool, void* userData)
+{
+    if (content) *static_cast<unsigned long long*>(userData) += content->size();
+}
+
+void transfer(benchmark::State& state, tBlob const& content)
+{
+    const unsigned int saved = nk_telegram::s_u32MaxPayloadSize;
+    nk_protocol::setMaxPayloadSize(static_cast<unsigned int>(state.range(0)));
+    Endpoint a(1, nullptr), b(2, takeSilently);
+    a.peer = &b;
+    b.peer = &a;
+    for (auto _ : state) {
+        state.PauseTiming();
+        tBlob copy(content);
+        state.ResumeTiming();
+        a.engine.enqueue_TS(&copy, 2, nullptr, 0, nullptr);
+        a.engine.poll(nullptr, &a, Endpoint::push, nullptr);
+        b.engine.poll(nullptr, &b, nullptr, nullptr);
+    }
+    if (b.received != static_cast<unsigned long long>(content.size()) * static_cast<unsigned long long>(state.iterations())) state.SkipWithError("content lost");
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * content.size());
+    nk_telegram::s_u32MaxPayloadSize = saved;
+}
+
+void BM_Memcpy64MiB(benchmark::State& state)
+{
+    tBlob src = randomContent(kBig);
+    std::vector<unsigned char> dst(kBig);
+    for (auto _ : state) {
+        std::memcpy(dst.data(), src.getBuffer(), kBig);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBig);
+}
+
+void BM_EngineToEngineRandom64MiB(benchmark::State& state)
+{
+    static tBlob content = randomContent(kBig);
+    transfer(state, content);
+}
+
+void BM_EngineToEngineCompressible64MiB(benchmark::State& state)
+{
+    static tBlob content = compressibleContent(kBig);
+    transfer(state, content);
+}
+
+void BM_SmallRoundTrip(benchmark::State& state)
+{
+    Endpoint a(1, nullptr), b(2, answer64);
+    a.peer = &b;
+    b.peer = &a;
+    unsigned char request[16] = {9, 8, 7};
+    unsigned long long answered = 0;
+    for (auto _ : state) {
+        tBlob content(request, 16);
+        a.engine.enqueue_TS(&content, 2, countResponse, 0, &answered);
+        a.poll();  // sends the request
+        b.poll();  // takes it, queues the answer
+        b.poll();  // sends the answer
+        a.poll();  // delivers it
+    }
+    if (answered != 64ull * static_cast<unsigned long long>(state.iterations())) state.SkipWithError("responses lost");
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));
+}
+
+void BM_IdlePoll(benchmark::State& state)
+{
+    Endpoint a(1, nullptr), b(2, nullptr);
+    a.peer = &b;
+    for (auto _ : state) a.poll();
+}
+
+// Frames of 16-byte payloads back to back in one buffer, all cut out by one part.
+tBlob manyFrames(unsigned int count)
+{
+    tBlob stream;
+    unsigned char payload[16] = {0};
+    for (unsigned int i = 0; i < count; ++i) {
+        std::memcpy(payload, &i, 4);
+        tBlob p(payload, 16);
+        nk_telegramPart part(i, 1, 2, 1, 0, true, &p, nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE,
+                             nk_basicTelegram::COMPRESSION_NONE);
+        part.serialize(&stream);
+    }
+    return stream;
+}
+
+void BM_CutFrames(benchmark::State& state)
+{
+    const unsigned int count = static_cast<unsigned int>(state.range(0));
+    tBlob frames = manyFrames(count);
+    for (auto _ : state) {
+        state.PauseTiming();
+        tBlob stream(frames);
+        state.ResumeTiming();
+        nk_telegramPart part;
+        unsigned int found = 0;
+        while (part.streamContainsTelegram(&stream)) ++found;
+        if (found != count) state.SkipWithError("frames lost");
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * count);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * frames.size());
+}
+
+void BM_EngineCutFrames(benchmark::State& state)
+{
+    const unsigned int count = static_cast<unsigned int>(state.range(0));
+    tBlob frames = manyFrames(count);
+    for (auto _ : state) {
+        Endpoint b(2, takeSilently);
+        b.engine.pushData(frames.getBuffer(), frames.size());
+        b.engine.poll(nullptr, &b, nullptr, nullptr);
+        if (b.received != 16ull * count) state.SkipWithError("frames lost");
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * count);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * frames.size());
+}
+
+// Heap bytes held per engine: built, and after one small request and answer each.
+void BM_IdleEngineMemory(benchmark::State& state)
+{
+    const unsigned int engines = 10000;
+    double built = 0, used = 0;
+    for (auto _ : state) {
+        size_t before = mallinfo2().uordblks;
+        std::vector<std::unique_ptr<Endpoint>> pool;
+        pool.reserve(engines);
+        size_t vectorBytes = mallinfo2().uordblks - before;
+        for (unsigned int i = 0; i < engines; ++i) pool.emplace_back(new Endpoint(2, answer64));
+        built = double(mallinfo2().uordblks - before - vectorBytes) / engines;
+        Endpoint a(1, nullptr);
+        unsigned long long answered = 0;
+        unsigned char request[16] = {0};
+        for (auto& e : pool) {
+            a.peer = e.get();
+            e->peer = &a;
+            tBlob content(request, 16);
+            a.engine.enqueue_TS(&content, 2, countResponse, 0, &answered);
+            a.poll();
+            e->poll();
+            e->poll();
+            a.poll();
+        }
+        used = double(mallinfo2().uordblks - before - vectorBytes) / engines;
+        if (answered != 64ull * engines) state.SkipWithError("responses lost");
+    }
+    state.counters["bytes_per_engine_built"] = built;
+    state.counters["bytes_per_engine_used"] = used;
+}
+}
+
+BENCHMARK(BM_Memcpy64MiB)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_EngineToEngineRandom64MiB)->Arg(1 << 20)->Arg(4096)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_EngineToEngineCompressible64MiB)->Arg(1 << 20)->Arg(4096)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_SmallRoundTrip);
+BENCHMARK(BM_IdlePoll);
+BENCHMARK(BM_CutFrames)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_EngineCutFrames)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_IdleEngineMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_MAIN();
