@@ -42,7 +42,9 @@ TEST(ConfigConcurrency, ListEditsWhileSerializingAndChecksumming)
             config.frm_get(0);
             config.getNewFrameId(10);
             // Another revision's checksum while the sender writes the version-3 body.
-            if (i % 20 == 0) EXPECT_EQ(config.checksum(nk_message::VERSION_2).length(), 40u);
+            if (i % 20 == 0) {
+                EXPECT_EQ(config.checksum(nk_message::VERSION_2).length(), 40u);
+            }
         }
     });
 
