@@ -46,6 +46,19 @@ void BM_Memcpy32MiB(benchmark::State& state)
 }
 BENCHMARK(BM_Memcpy32MiB)->Unit(benchmark::kMillisecond);
 
+// The same into a destination that is already mapped: the bandwidth without page faults.
+void BM_Memcpy32MiBWarm(benchmark::State& state)
+{
+    std::vector<unsigned char> src(kImageBytes, 1), dst(kImageBytes, 0);
+    for (auto _ : state) {
+        std::memcpy(dst.data(), src.data(), kImageBytes);
+        benchmark::DoNotOptimize(dst.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * kImageBytes);
+}
+BENCHMARK(BM_Memcpy32MiBWarm)->Unit(benchmark::kMillisecond);
+
 void BM_ImageSerialize32MiB(benchmark::State& state)
 {
     std::unique_ptr<nk_messageImage> img(makeImage());
@@ -70,6 +83,30 @@ void BM_ImageParse32MiB(benchmark::State& state)
     state.SetBytesProcessed(int64_t(state.iterations()) * kImageBytes);
 }
 BENCHMARK(BM_ImageParse32MiB)->Unit(benchmark::kMillisecond);
+
+// The body alone from a serializer that already holds the bytes: the factory's copy of its
+// input into the serializer is left out, the one copy into the file's content remains.
+void BM_ImageParseBody32MiB(benchmark::State& state)
+{
+    std::unique_ptr<nk_messageImage> img(makeImage());
+    nk_serializer wire;
+    img->serializeMsg(&wire);
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::unique_ptr<nk_serializer> ser(new nk_serializer(&wire));
+        unsigned short header = 0;
+        ser->u16(header, nk_serializer::SER_READ);
+        ser->u16(header, nk_serializer::SER_READ);
+        state.ResumeTiming();
+        nk_messageImage parsed(ser.get(), nk_message::VERSION_3);
+        benchmark::DoNotOptimize(parsed.get(0));
+        state.PauseTiming();
+        ser.reset();
+        state.ResumeTiming();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * kImageBytes);
+}
+BENCHMARK(BM_ImageParseBody32MiB)->Unit(benchmark::kMillisecond);
 
 void fillEvents(nk_messageEventsRsp& rsp, unsigned int n)
 {
