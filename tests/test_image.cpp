@@ -118,9 +118,11 @@ TEST(MsgFile, MimeTableAndNames)
                   std::string("image_id18446744073709551615") + extensions[t]);
     }
     EXPECT_EQ(F::imageNameByMimeType_e(42, F::MIME_PNG), "image_id42.png");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(F::imageNameByMimeType_e(7, F::MIME_UNSUPPORTED), "image_id7.");
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(captured([] {
+                  EXPECT_EQ(F::imageNameByMimeType_e(18446744073709551615ULL, F::MIME_UNSUPPORTED),
+                            "image_id18446744073709551615.");
+              }),
+              "unsupported mime type: 5\r\n");
 
     tBlob content = blobOf("abc");
     nk_msgFile jpeg(5, "p.jpg", "image/jpeg", &content);
