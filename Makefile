@@ -45,8 +45,10 @@ test-arm:
 	@ctest --test-dir $(ARM_BUILD) --output-on-failure -j$(JOBS)
 
 # The benchmarks of the ARM build, emulated: a sanity check, not a measurement of a device.
+# The 32 and 64 MiB cases are left out; under qemu they take minutes and show nothing more.
 bench-arm: test-arm
-	@for b in $(ARM_BUILD)/bench/bench_*; do echo "== $$b (qemu-arm)"; qemu-arm $$b --benchmark_min_time=0.05; done
+	@for b in $(ARM_BUILD)/bench/bench_*; do echo "== $$b (qemu-arm)"; \
+	  qemu-arm $$b --benchmark_filter='-(64MiB|67108864|32MiB|33554432)' --benchmark_min_time=0.05; done
 
 clean:
 	@rm -rf $(BUILD) build-asan build-tsan $(ARM_BUILD)
