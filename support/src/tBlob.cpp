@@ -77,12 +77,23 @@ void tBlob::append(unsigned char const* data, unsigned int length)
         append(copy.data(), length);
         return;
     }
-    if (m_offset && m_data.size() + length > m_data.capacity()) compact();
     if (m_data.size() + length > m_data.capacity()) {
-        // Grow geometrically ourselves: resize alone may allocate exactly what is asked for.
-        std::size_t want = m_data.size() + length;
-        std::size_t grown = m_data.capacity() * 2;
-        m_data.reserve(grown > want ? grown : want);
+        const std::size_t live = size();
+        if (live + length <= m_data.capacity() / 2) {
+            // The dead prefix is most of the storage: reuse it.
+            compact();
+        } else {
+            // Grow geometrically ourselves (resize alone may allocate exactly what is asked
+            // for), moving only the live bytes, once.
+            std::size_t want = live + length;
+            std::size_t grown = m_data.capacity() * 2;
+            std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> fresh;
+            fresh.reserve(grown > want ? grown : want);
+            fresh.resize(live);
+            if (live) std::memcpy(fresh.data(), getBuffer(), live);
+            m_data.swap(fresh);
+            m_offset = 0;
+        }
     }
     std::size_t oldEnd = m_data.size();
     m_data.resize(oldEnd + length);
@@ -142,10 +153,9 @@ void tBlob::slice(unsigned int n)
         clear();
         return;
     }
+    // The dead prefix is reclaimed only when the blob has to grow (append, resize,
+    // reserve): a stream cut frame by frame is then never moved while it drains.
     m_offset += n;
-    // Compact only once the dead prefix outweighs the live bytes, so each byte is moved
-    // at most about once per byte cut: O(1) amortised.
-    if (m_offset > m_data.size() / 2) compact();
 }
 
 unsigned int tBlob::getIndexOf(unsigned char b) const
