@@ -70,12 +70,15 @@ public:
     unsigned int incomingTelegrams_TS();
 
 private:
-    void sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn);
+    // Gives the bytes of the largest telegram sent.
+    unsigned int sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn);
     void parseStream();
     void handleResponse(nk_telegramPart& part, tBlob* content);
     tBlob* fileMultiPart(nk_telegramPart* part, nk_telegram** complete, bool takePayload);
     void removeHandled(nk_telegram* complete, unsigned int id);
+    void keepContentStorage(nk_telegram* complete);
     bool frameMayBeReady();
+    void releaseUnneededBuffers(unsigned int sentBytes, unsigned int parsedBytes);
 
     unsigned int m_u32OwnAddress;
     tCriticalSection m_csIncoming;
@@ -95,6 +98,15 @@ private:
     unsigned int m_u32Searched;
     unsigned int m_u32FirstStart;
     unsigned int m_u32FirstEnd;
+
+    // Large buffers are kept from one poll to the next only while every poll needs them
+    // again (a sustained transfer), so fresh pages are not mapped and zeroed for every
+    // large telegram; the first poll that does not need one gives it back. All three are
+    // touched by the polling thread only; null while not kept.
+    tBlob* m_pSendBuffer;       // the frames of the telegram being sent
+    tBlob* m_pContentSpare;     // storage for the next joined multi-part content
+    bool m_bSpareFromThisPoll;
+    unsigned int m_u32StreamPeak;  // the most bytes the stream held since it was released
 };
 
 #endif

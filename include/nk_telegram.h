@@ -106,6 +106,9 @@ public:
     // Whenever a start byte is followed later by an end byte, the bytes up to and including
     // that end byte are removed, valid or not.
     bool streamContainsTelegram(tBlob* stream);
+    // The same for a caller that already knows the indices of the stream's first start
+    // byte and first end byte, so the stream is not searched again.
+    bool streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex);
 
 private:
     bool readBody(tBlob& body);
@@ -135,6 +138,10 @@ public:
                 void* context, bool isResponse, void* userData, bool allowCompression);
     // Incoming: a receiving context opened by the first part that arrived.
     explicit nk_telegram(nk_telegramPart* first);
+    // As above, but the part's payload bytes move into the part list instead of being
+    // copied twice (into the list and into this telegram's payload, which stays empty: the
+    // joined content replaces it anyway). For a receiver that refills its part.
+    nk_telegram(nk_telegramPart* first, bool takePayload);
     ~nk_telegram() override;
 
     // Chooses the smaller of RLE and Huffman when it is strictly smaller than the content
@@ -142,6 +149,9 @@ public:
     bool checkCompression(tBlob* content, tBlob* out);
 
     bool send(nk_server* server, void* ctx, tSendFcn sendFn);
+    // As above, with the frames written into buffer (its bytes replaced), so that a sender
+    // of many or large telegrams can keep one buffer instead of allocating one per send.
+    bool send(nk_server* server, void* ctx, tSendFcn sendFn, tBlob* buffer);
     bool hasBeenSend() const { return m_bSent; }
     bool isOutgoingRequest(unsigned int address) const { return address == m_u32Src; }
     bool waitForResponse() const { return m_pCallback != nullptr; }

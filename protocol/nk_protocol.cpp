@@ -1,6 +1,7 @@
 #include "nk_protocol.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -9,9 +10,10 @@ namespace
 const unsigned int kNotFound = 0xFFFFFFFFu;
 const unsigned char kFrameStart = 0x01;
 const unsigned char kFrameEnd = 0x02;
-// A stream buffer that grew beyond this for one round gives its memory back once it is
-// empty, so an engine that once took a large telegram does not hold that much while idle.
-const unsigned int kKeepStreamCapacity = 65536;
+// Buffers up to this size are allocated afresh when needed; larger ones are kept while
+// consecutive polls need them (see nk_protocol's members), so an engine that once took or
+// sent a large telegram does not hold that much while idle.
+const unsigned int kLargeBuffer = 65536;
 
 template <typename T>
 void eraseNulls(tVector<T*>& list)
@@ -28,7 +30,8 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
     : tLog(logContext, logOutput), m_u32OwnAddress(ownAddress), m_csIncoming(true), m_csOutgoing(true),
       m_pRecvCb(recvCb), m_pStream(new tBlob()), m_bNewData(false), m_pContext(context),
       m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_u32Searched(0),
-      m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound)
+      m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
+      m_bSpareFromThisPoll(false), m_u32StreamPeak(0)
 {
     // Engines may be built on different threads; the hook is one word shared by all.
     __atomic_store_n(&m_pFcnLog, logFcn, __ATOMIC_RELEASE);
@@ -47,6 +50,8 @@ nk_protocol::~nk_protocol()
         m_outgoing.clear();
     }
     delete m_pStream;
+    delete m_pSendBuffer;
+    delete m_pContentSpare;
 }
 
 void nk_protocol::setMaxPayloadSize(unsigned int size)
@@ -105,18 +110,44 @@ void nk_protocol::respond_TS(tBlob* content, unsigned int destAddress, unsigned 
 
 void nk_protocol::poll(nk_server* server, void* ctx, tLinkFcn sendFn, tLinkFcn recvFn)
 {
-    sendAndTimeOut(server, ctx, sendFn);
+    const unsigned int sent = sendAndTimeOut(server, ctx, sendFn);
     eraseDeletedTelegrams_TS();
     if (recvFn) recvData(server, ctx, recvFn);
+    unsigned int parsed = 0;
     if (m_bNewData) {
         m_bNewData = false;
+        parsed = m_pStream->size();
         parseStream();
     }
     eraseDeletedTelegrams_TS();
+    releaseUnneededBuffers(sent, parsed);
 }
 
-void nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn)
+void nk_protocol::releaseUnneededBuffers(unsigned int sentBytes, unsigned int parsedBytes)
 {
+    if (m_pSendBuffer && sentBytes <= kLargeBuffer) {
+        delete m_pSendBuffer;
+        m_pSendBuffer = nullptr;
+    }
+    if (m_pContentSpare && !m_bSpareFromThisPoll) {
+        delete m_pContentSpare;
+        m_pContentSpare = nullptr;
+    }
+    m_bSpareFromThisPoll = false;
+    if (parsedBytes > m_u32StreamPeak) m_u32StreamPeak = parsedBytes;
+    if (m_u32StreamPeak > kLargeBuffer && parsedBytes <= kLargeBuffer && m_pStream->size() == 0) {
+        tBlob released;
+        m_pStream->swap(released);
+        m_u32StreamPeak = 0;
+    }
+}
+
+unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn)
+{
+    // One frame buffer for every telegram of this round; a large one is kept for the next.
+    tBlob local;
+    tBlob* frames = m_pSendBuffer ? m_pSendBuffer : &local;
+    unsigned int largest = 0;
     tCriticalSectionLock lock(m_csOutgoing);
     // By index: a callback may enqueue, which appends to this very queue.
     for (std::size_t i = 0; i < m_outgoing.size(); ++i) {
@@ -137,7 +168,10 @@ void nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn)
             delete t;
             continue;
         }
-        if (!t->send(server, ctx, sendFn)) {
+        const bool sent = t->send(server, ctx, sendFn, frames);
+        if (frames->size() > largest) largest = frames->size();
+        frames->clear();
+        if (!sent) {
             log("sending telegram failed, remove it (tid: %u)", t->telegramId());
             m_outgoing[i] = nullptr;
             delete t;
@@ -158,6 +192,11 @@ void nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn)
         m_outgoing[i] = nullptr;
         delete t;
     }
+    if (!m_pSendBuffer && largest > kLargeBuffer) {
+        m_pSendBuffer = new tBlob();
+        m_pSendBuffer->swap(local);
+    }
+    return largest;
 }
 
 unsigned int nk_protocol::recvData(nk_server* server, void* ctx, tLinkFcn recvFn)
@@ -208,11 +247,10 @@ bool nk_protocol::frameMayBeReady()
 void nk_protocol::parseStream()
 {
     nk_telegramPart part;
-    const unsigned int before = m_pStream->size();
     // Deliberate: the loop ends at the first invalid frame, and frames behind it wait for
     // the next bytes to arrive. Peers see the same pacing from every implementation.
     while (frameMayBeReady()) {
-        const bool valid = part.streamContainsTelegram(m_pStream);
+        const bool valid = part.streamContainsTelegram(m_pStream, m_u32FirstStart, m_u32FirstEnd);
         m_u32Searched = 0;
         m_u32FirstStart = m_u32FirstEnd = kNotFound;
         if (!valid) break;
@@ -258,10 +296,6 @@ void nk_protocol::parseStream()
         }
         if (complete) removeHandled(complete, id);
     }
-    if (m_pStream->size() == 0 && before > kKeepStreamCapacity) {
-        tBlob released;
-        m_pStream->swap(released);
-    }
 }
 
 void nk_protocol::handleResponse(nk_telegramPart& part, tBlob* content)
@@ -295,12 +329,26 @@ void nk_protocol::removeHandled(nk_telegram* complete, unsigned int id)
             if (t != complete) continue;
             log("telegram handled, remove it (tlg-id: %d)", id);
             t = nullptr;
+            keepContentStorage(complete);
             delete complete;
             found = true;
             break;
         }
     }
     if (!found) log("telegram handled, but can't remove it (tlg-id: %d)", id);
+}
+
+void nk_protocol::keepContentStorage(nk_telegram* complete)
+{
+    uint64_t joined = 0;
+    for (unsigned int i = 0; i < complete->partCount(); ++i)
+        if (nk_telegramPart* p = complete->part(i)) joined += p->payload()->size();
+    if (joined <= kLargeBuffer) return;
+    // Whatever the receive callback left in the content is of no further use.
+    if (!m_pContentSpare) m_pContentSpare = new tBlob();
+    m_pContentSpare->swap(*complete->payload());
+    m_pContentSpare->clear();
+    m_bSpareFromThisPoll = true;
 }
 
 tBlob* nk_protocol::checkTlgPartMatch_TS(nk_telegramPart* part, nk_telegram** complete)
@@ -329,6 +377,13 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
             t = nullptr;
             return nullptr;
         }
+        if (takePayload && m_pContentSpare) {
+            // The telegram's own payload is replaced by the joined content: give it storage
+            // that a previous large telegram left, so joining maps no fresh pages.
+            t->payload()->swap(*m_pContentSpare);
+            delete m_pContentSpare;
+            m_pContentSpare = nullptr;
+        }
         tBlob* content = t->getCompleteContent();
         if (!content) {
             log("received telegram is now complete, but has no content, remove it (tlg.-id: %u)", t->telegramId());
@@ -342,7 +397,7 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
     }
     // Deliberate: the first part of a new context is never checked for completeness.
     log("received telegram part for new context (tlg.-id: %u)", part->telegramId());
-    m_incoming.push_back(new nk_telegram(part));
+    m_incoming.push_back(new nk_telegram(part, takePayload));
     return nullptr;
 }
 

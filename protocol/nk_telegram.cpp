@@ -46,6 +46,20 @@ nk_telegram::nk_telegram(nk_telegramPart* first)
     m_u32HighestPartId = first->partId();
 }
 
+nk_telegram::nk_telegram(nk_telegramPart* first, bool takePayload)
+    : nk_telegram(takePayload ? nullptr : first)
+{
+    if (!first || !takePayload) return;
+    m_u32Src = first->sourceAddress();
+    m_u32Dest = first->destinationAddress();
+    m_u32Id = first->telegramId();
+    m_u32Timestamp = first->timestamp();
+    m_eType = first->type();
+    m_eCompression = first->compression();
+    m_parts.push_back(first->detach());
+    m_u32HighestPartId = first->partId();
+}
+
 nk_telegram::~nk_telegram()
 {
     for (nk_telegramPart* p : m_parts) delete p;
@@ -100,12 +114,20 @@ void nk_telegram::split(tBlob* work)
 
 bool nk_telegram::send(nk_server* server, void* ctx, tSendFcn sendFn)
 {
+    tBlob buffer;
+    return send(server, ctx, sendFn, &buffer);
+}
+
+bool nk_telegram::send(nk_server* server, void* ctx, tSendFcn sendFn, tBlob* frameBuffer)
+{
     if (!sendFn) return false;
+    tBlob local;
+    tBlob& buffer = frameBuffer ? *frameBuffer : local;
+    buffer.clear();
     uint64_t frames = 0;
     for (nk_telegramPart* p : m_parts)
         if (p) frames += p->serializedSize();
     if (frames > 0xFFFFFFFFu) return false;
-    tBlob buffer;
     buffer.reserve(static_cast<unsigned int>(frames));
     for (nk_telegramPart* p : m_parts)
         if (p && !p->serialize(&buffer)) return false;

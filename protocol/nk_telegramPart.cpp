@@ -156,12 +156,16 @@ bool nk_telegramPart::serialize(tBlob* out)
 bool nk_telegramPart::streamContainsTelegram(tBlob* stream)
 {
     if (!stream || stream->size() == 0) return false;
-    const unsigned int startIndex = stream->getIndexOf(kFrameStart);
-    const unsigned int endIndex = stream->getIndexOf(kFrameEnd);
+    return streamContainsTelegram(stream, stream->getIndexOf(kFrameStart), stream->getIndexOf(kFrameEnd));
+}
+
+bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex)
+{
+    if (!stream || stream->size() == 0) return false;
     // Deliberate: a stray end byte ahead of the next start byte is not skipped, and the
     // stream waits until it is gone. Peers rely on a frame never being cut out of bytes
     // that began before it, so this stays.
-    if (startIndex == 0xFFFFFFFFu || endIndex == 0xFFFFFFFFu ||
+    if (startIndex == 0xFFFFFFFFu || endIndex >= stream->size() ||
         static_cast<int32_t>(endIndex) <= static_cast<int32_t>(startIndex))
         return false;
 
