@@ -20,6 +20,9 @@ public:
     nk_serializer() = default;
     // Parses a copy of blob's bytes; the caller's blob is not changed. Null gives an empty one.
     explicit nk_serializer(tBlob* blob) : tBlob(blob) {}
+    // Reads length bytes at data in place, without a copy: the bytes must stay valid and
+    // unchanged while this serializer reads. Writing still appends to its own buffer.
+    nk_serializer(unsigned char const* data, unsigned int length) : m_view(data), m_viewSize(length) {}
     ~nk_serializer() override = default;
 
     // Every direction other than SER_READ writes.
@@ -36,14 +39,18 @@ public:
     void clearSer();
 
     unsigned int readPosition() const { return m_readPos; }
-    unsigned int remaining() const { return size() - m_readPos; }
+    unsigned int remaining() const { return readSize() - m_readPos; }
 
 private:
     template <typename T> bool fixed(T& v, teSerDirection d);
     // Reads the u32 count of a string or blob and checks the bytes are there.
     bool lengthPrefix(unsigned int& n);
+    unsigned char const* readData() const { return m_view ? m_view : getBuffer(); }
+    unsigned int readSize() const { return m_view ? m_viewSize : size(); }
 
     unsigned int m_readPos = 0;
+    unsigned char const* m_view = nullptr;
+    unsigned int m_viewSize = 0;
 };
 
 #endif

@@ -55,7 +55,8 @@ const tFactoryTable s_factory;
 nk_message* nk_message::getMessage(tBlob* blob)
 {
     if (blob == nullptr) return nullptr;
-    nk_serializer ser(blob);
+    // The body is read in place: a large IMAGE is not copied once more just to be parsed.
+    nk_serializer ser(blob->getBuffer(), blob->size());
     unsigned short type = 0;
     unsigned short version = 0;
     if (!ser.u16(type, nk_serializer::SER_READ) || !ser.u16(version, nk_serializer::SER_READ)) return nullptr;

@@ -13,7 +13,7 @@ bool nk_serializer::fixed(T& v, teSerDirection d)
     }
     // Compared without forming readPos + width, which could wrap.
     if (sizeof(T) > remaining()) return false;
-    v = nk::readLE<T>(getBuffer() + m_readPos);
+    v = nk::readLE<T>(readData() + m_readPos);
     m_readPos += sizeof(T);
     return true;
 }
@@ -44,7 +44,7 @@ bool nk_serializer::string(tString& s, teSerDirection d)
     s.clear();
     unsigned int n = 0;
     if (!lengthPrefix(n)) return false;
-    s.assign(reinterpret_cast<char const*>(getBuffer() + m_readPos), n);
+    s.assign(reinterpret_cast<char const*>(readData() + m_readPos), n);
     m_readPos += n;
     return true;
 }
@@ -60,7 +60,7 @@ bool nk_serializer::blob(tBlob& b, teSerDirection d)
     b.clear();
     unsigned int n = 0;
     if (!lengthPrefix(n)) return false;
-    b.append(getBuffer() + m_readPos, n);
+    b.append(readData() + m_readPos, n);
     m_readPos += n;
     return true;
 }
@@ -69,4 +69,6 @@ void nk_serializer::clearSer()
 {
     clear();
     m_readPos = 0;
+    m_view = nullptr;
+    m_viewSize = 0;
 }

@@ -125,3 +125,26 @@ TEST(Serializer, WritingAppendsWhateverTheReadPosition)
     EXPECT_EQ(bytes(s), (std::vector<unsigned char>{0x02, 0x01, 0x33}));
     EXPECT_EQ(s.readPosition(), 1u);
 }
+
+TEST(Serializer, InPlaceReadingSeesOnlyTheGivenBytes)
+{
+    unsigned char raw[] = {2, 0, 0, 0, 'h', 'i', 0x34, 0x12, 0xEE};
+    nk_serializer s(raw, 8);  // the last byte is outside the view
+    tString text;
+    unsigned short v = 0;
+    unsigned char past = 0;
+    EXPECT_TRUE(s.string(text, nk_serializer::SER_READ));
+    EXPECT_TRUE(s.u16(v, nk_serializer::SER_READ));
+    EXPECT_FALSE(s.u8(past, nk_serializer::SER_READ));
+    EXPECT_EQ(text, "hi");
+    EXPECT_EQ(v, 0x1234);
+    EXPECT_EQ(s.remaining(), 0u);
+
+    // Writing appends to the serializer's own buffer; clearSer drops the view.
+    unsigned char one = 1;
+    s.u8(one, nk_serializer::SER_WRITE);
+    EXPECT_EQ(bytes(s), std::vector<unsigned char>{1});
+    s.clearSer();
+    EXPECT_EQ(s.remaining(), 0u);
+    EXPECT_FALSE(s.u8(past, nk_serializer::SER_READ));
+}
