@@ -1,0 +1,251 @@
+#!/usr/bin/env python3
+"""nkdevice and nkctl as separate processes, over loopback TCP and a pseudo-terminal serial link.
+
+Every child runs under a time limit and is killed when the test ends, whatever happened.
+"""
+import argparse
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+ARGS = None
+CHILDREN = []
+FAILURES = []
+
+
+def check(condition, what):
+    print(("ok   " if condition else "FAIL ") + what, flush=True)
+    if not condition:
+        FAILURES.append(what)
+    return condition
+
+
+def start(cmd):
+    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    CHILDREN.append(proc)
+    return proc
+
+
+def read_line(proc, seconds=10):
+    """The next line of a child's standard output, or None after the time limit."""
+    result = []
+    reader = threading.Thread(target=lambda: result.append(proc.stdout.readline()), daemon=True)
+    reader.start()
+    reader.join(seconds)
+    return result[0] if result else None
+
+
+def start_device(data, *extra):
+    proc = start([ARGS.nkdevice, "--data", data, *extra])
+    line = read_line(proc)
+    if not line:
+        raise RuntimeError("nkdevice did not start: " + proc.stderr.read() if proc.poll() is not None else "no output")
+    return proc, json.loads(line)
+
+
+def stop(proc, seconds=10):
+    try:
+        return proc.wait(seconds)
+    except subprocess.TimeoutExpired:
+        proc.kill()
+        proc.wait()
+        return None
+
+
+def ctl(link, *args, seconds=30):
+    """Runs nkctl; gives (exit status, JSON objects printed, standard error)."""
+    try:
+        done = subprocess.run([ARGS.nkctl, "--json", *link, *args], capture_output=True, text=True, timeout=seconds)
+    except subprocess.TimeoutExpired:
+        return None, [], "nkctl hung"
+    objects = [json.loads(line) for line in done.stdout.splitlines() if line.strip()]
+    return done.returncode, objects, done.stderr
+
+
+def one_error_line(result, fragment, what):
+    status, _, err = result
+    lines = [line for line in err.splitlines() if line.strip()]
+    check(status not in (0, None) and len(lines) == 1 and fragment in lines[0],
+          "%s: one line naming '%s' (got %r, exit %r)" % (what, fragment, err.strip(), status))
+
+
+def schedules_as_library_writes(path):
+    """The schedule set as the library's getJson writes it: entries nested, "frame" = flags."""
+    doc = json.load(open(ARGS.examples + "/schedules.json"))
+    for schedule in doc["schedules"]:
+        schedule["frame"] = schedule["flags"]
+    json.dump(doc, open(path, "w"))
+    return path
+
+
+def session(link, work, image_id):
+    """Pushes configuration, schedules and an image and reads everything back."""
+    status, out, err = ctl(link, "config", "push", ARGS.examples + "/config.json")
+    check(status == 0 and out and out[0]["verified"], "config push verified (%s)" % err.strip())
+    cs_cfg = out[0]["cs"] if out else None
+    status, out, err = ctl(link, "schedules", "push", schedules_as_library_writes(work + "/sched.json"))
+    check(status == 0 and out and out[0]["verified"], "schedules push verified (%s)" % err.strip())
+    cs_sched = out[0]["cs"] if out else None
+    status, out, err = ctl(link, "image", "push", ARGS.examples + "/image.png", "--id", str(image_id))
+    check(status == 0 and out and out[0]["present"], "image push stored (%s)" % err.strip())
+    status, out, _ = ctl(link, "state")
+    state = out[0] if out else {}
+    check(status == 0 and state.get("csCfg") == cs_cfg and state.get("csSched") == cs_sched,
+          "state reports both checksums")
+    check({"uid": image_id} in state.get("images", []), "state lists the image")
+    check(state.get("devName") == "lobby panel", "state reports the configured name")
+    status, out, _ = ctl(link, "events", "--sort", "id-desc")
+    check(status == 0 and out and len(out[0].get("events", [])) > 3, "events come back")
+    status, out, _ = ctl(link, "statistics")
+    check(status == 0 and out and out[0]["imgUpdateCount"] >= 1, "statistics count the image update")
+    status, out, _ = ctl(link, "display-config")
+    check(status == 0 and out and out[0].get("dispConfigs"), "display configuration comes back")
+    status, out, _ = ctl(link, "time")
+    check(status == 0 and out and out[0]["action"] == "time", "time is set")
+    return state
+
+
+def tcp_part(work):
+    data = work + "/tcp-data"
+    device, hello = start_device(data, "--listen", "127.0.0.1:0")
+    address = hello["address"]
+    link = ["--device", address]
+    before = session(link, work, 42)
+
+    # Garbage, a telegram cut off mid-frame and an abrupt disconnect must not stop the device.
+    host, port = address.rsplit(":", 1)
+    for payload in (os.urandom(4096), b"\x01" + bytes(range(0x80, 0x100)), b"\x02\x01\x02garbage\x01\x90"):
+        with socket.create_connection((host, int(port)), timeout=5) as raw:
+            raw.sendall(payload)
+    status, _, _ = ctl(link, "state")
+    check(status == 0, "device still serves after garbage and cut telegrams")
+
+    # Several stations at once.
+    runs = [subprocess.Popen([ARGS.nkctl, "--json", *link, "state"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            for _ in range(6)]
+    codes = []
+    for run in runs:
+        try:
+            codes.append(run.wait(30))
+        except subprocess.TimeoutExpired:
+            run.kill()
+            codes.append(None)
+    check(codes == [0] * 6, "six stations served at once")
+    status, out, _ = ctl(link + ["--device", address], "state")
+    check(status == 0 and len(out) == 2, "one station talks to two links at once")
+
+    # A kill at any moment keeps what was confirmed.
+    device.kill()
+    device.wait()
+    device, hello = start_device(data, "--listen", "127.0.0.1:0")
+    link = ["--device", hello["address"]]
+    status, out, _ = ctl(link, "state")
+    after = out[0] if out else {}
+    check(status == 0 and after.get("csCfg") == before.get("csCfg") and after.get("csSched") == before.get("csSched")
+          and after.get("images") == before.get("images"), "state survives a kill and a restart")
+
+    status, out, _ = ctl(link, "image", "remove", "--id", "42")
+    check(status == 0 and out and out[0]["removed"], "image removed")
+
+    # A second device on the same port is refused with one line.
+    second = subprocess.run([ARGS.nkdevice, "--data", work + "/other", "--listen", hello["address"]],
+                            capture_output=True, text=True, timeout=10)
+    check(second.returncode != 0 and "in use" in second.stderr and len(second.stderr.splitlines()) == 1,
+          "port in use gives one line (%s)" % second.stderr.strip())
+    second = subprocess.run([ARGS.nkdevice, "--data", data, "--listen", "127.0.0.1:0"],
+                            capture_output=True, text=True, timeout=10)
+    check(second.returncode != 0 and "in use" in second.stderr, "a data directory serves one device only")
+
+    status, out, _ = ctl(link, "shutdown")
+    check(status == 0 and out and out[0]["action"] == "shutdown", "shutdown acknowledged")
+    check(stop(device) == 0, "device stops cleanly after shutdown")
+
+
+def bad_input_part(work):
+    link = ["--device", "127.0.0.1:9"]
+    one_error_line(ctl(link, "config", "push", work + "/missing.json"), "No such file", "missing file")
+    with open(work + "/broken.json", "w") as f:
+        f.write('{\n  "action": "config",\n  "type": "request" "tv": 1\n}\n')
+    one_error_line(ctl(link, "config", "push", work + "/broken.json"), "broken.json:3:", "malformed JSON")
+    one_error_line(ctl(link, "image", "push", ARGS.examples + "/image.png", "--id", "18446744073709551616"),
+                   "out of range", "id out of range")
+    one_error_line(ctl(link, "image", "push", ARGS.examples + "/image.png", "--id", "1", "--mime", "image/gif"),
+                   "unknown mime type", "unknown mime type")
+
+    # A port nobody listens on, and a peer that accepts but never answers.
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        free_port = probe.getsockname()[1]
+    one_error_line(ctl(["--device", "127.0.0.1:%d" % free_port], "state"), "connection refused", "refused")
+    with socket.socket() as silent:
+        silent.bind(("127.0.0.1", 0))
+        silent.listen(4)
+        address = "127.0.0.1:%d" % silent.getsockname()[1]
+        started = time.monotonic()
+        one_error_line(ctl(["--device", address, "--timeout", "1"], "state"), "time-out: device 1 at " + address,
+                       "silent device")
+        check(time.monotonic() - started < 10, "time-out is bounded")
+
+
+def codec_part(work):
+    request = work + "/state-request.json"
+    json.dump({"action": "state", "type": "request", "tv": 1, "name": "hall", "task": 1}, open(request, "w"))
+    frames = subprocess.run([ARGS.nkctl, "encode", request], capture_output=True, timeout=10).stdout
+    decoded = subprocess.run([ARGS.nkctl, "--json", "decode"], input=b"\xaa\x02" + frames + b"junk",
+                             capture_output=True, timeout=10)
+    objects = [json.loads(line) for line in decoded.stdout.decode().splitlines()]
+    telegrams = [o for o in objects if "telegram" in o]
+    check(len(telegrams) == 1 and telegrams[0]["message"]["name"] == "STATE_REQ"
+          and telegrams[0]["message"]["json"]["name"] == "hall", "encode then decode gives the message back")
+    hexed = subprocess.run([ARGS.nkctl, "encode", "--hex", request], capture_output=True, timeout=10).stdout
+    decoded = subprocess.run([ARGS.nkctl, "--json", "decode"], input=hexed, capture_output=True, timeout=10)
+    check(decoded.returncode == 0 and b"STATE_REQ" in decoded.stdout, "decode reads hex")
+
+
+def serial_part(work):
+    cable = start([ARGS.pty_pair])
+    line = read_line(cable)
+    if not check(bool(line), "pseudo-terminal pair created"):
+        return
+    device_end, station_end = line.split()
+    device, _ = start_device(work + "/serial-data", "--serial", device_end, "--address", "7")
+    link = ["--serial", station_end, "--address", "7"]
+    session(link, work, 43)
+    status, out, _ = ctl(link, "shutdown")
+    check(status == 0, "shutdown over the serial link")
+    check(stop(device) == 0, "serial device stops cleanly")
+
+
+def main():
+    global ARGS
+    parser = argparse.ArgumentParser()
+    for name in ("--nkdevice", "--nkctl", "--pty-pair", "--examples"):
+        parser.add_argument(name, required=True)
+    ARGS = parser.parse_args()
+    work = tempfile.mkdtemp(prefix="nk-e2e-")
+    try:
+        tcp_part(work)
+        bad_input_part(work)
+        codec_part(work)
+        serial_part(work)
+    except Exception as error:  # a broken step must still end with the children killed
+        check(False, "unexpected error: %r" % error)
+    finally:
+        for child in CHILDREN:
+            if child.poll() is None:
+                child.send_signal(signal.SIGKILL)
+                child.wait()
+        shutil.rmtree(work, ignore_errors=True)
+    print("%d check(s) failed" % len(FAILURES) if FAILURES else "all checks passed")
+    return 1 if FAILURES else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
