@@ -16,7 +16,7 @@ test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
 
 demo: build
-	@$(BUILD)/examples/demo
+	@bash tools/demo.sh $(BUILD)
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b; done

@@ -1,4 +1,5 @@
 // The read-only requests: events, statistics, display configuration.
+#include <cstdio>
 #include <map>
 
 #include "commands.h"
@@ -49,8 +50,9 @@ int cmdStatistics(CtlContext& ctx)
     return requestEach(ctx, request, nk_message::STATISTICS_RSP,
                        [](nk_message& answer, tJson&, std::string& headline, std::string&) {
                            auto& stats = static_cast<nk_messageStatisticsRsp&>(answer);
-                           headline = std::to_string(stats.imgUpdateCount()) + " image update(s), " +
-                                      std::to_string(stats.energyConsumption_Wh()) + " Wh";
+                           char energy[32];
+                           std::snprintf(energy, sizeof energy, "%.3f", stats.energyConsumption_Wh());
+                           headline = std::to_string(stats.imgUpdateCount()) + " image update(s), " + energy + " Wh";
                        });
 }
 
