@@ -2,6 +2,8 @@
 // buffers between busy polls, and CRC-8 over inputs long enough for the folding path.
 #include <gtest/gtest.h>
 
+#include "test_helpers.h"
+
 #include <cstring>
 #include <random>
 #include <vector>
@@ -11,14 +13,6 @@
 
 namespace
 {
-tBlob randomBlob(unsigned int n, unsigned int seed)
-{
-    std::mt19937 rng(seed);
-    tBlob b;
-    unsigned char* p = b.resize(n);
-    for (unsigned int i = 0; i < n; ++i) p[i] = static_cast<unsigned char>(rng());
-    return b;
-}
 
 tBlob runsBlob(unsigned int n, unsigned int seed)
 {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_helpers.h"
+
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -10,21 +12,7 @@ namespace
 {
 using tRsp = nk_messageGetDisplayConfigurationRsp;
 
-std::vector<unsigned char> hex(char const* text)
-{
-    std::vector<unsigned char> out;
-    std::istringstream in(text);
-    unsigned int byte = 0;
-    while (in >> std::hex >> byte) out.push_back(static_cast<unsigned char>(byte));
-    return out;
-}
 
-std::vector<unsigned char> wire(nk_message& msg)
-{
-    nk_serializer ser;
-    EXPECT_TRUE(msg.serializeMsg(&ser));
-    return {ser.getBuffer(), ser.getBuffer() + ser.size()};
-}
 
 std::unique_ptr<tRsp> parse(std::vector<unsigned char> const& bytes)
 {

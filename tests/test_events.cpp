@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_helpers.h"
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -8,7 +10,6 @@
 
 namespace
 {
-std::vector<unsigned char> bytes(tBlob const& b) { return {b.getBuffer(), b.getBuffer() + b.size()}; }
 
 std::unique_ptr<nk_message> roundTrip(nk_message& m, std::vector<unsigned char>* wire = nullptr)
 {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_helpers.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -32,9 +34,7 @@ extern "C" __attribute__((visibility("default"))) int fsync(int fd)
 
 namespace
 {
-std::vector<unsigned char> bytes(tBlob const& b) { return {b.getBuffer(), b.getBuffer() + b.size()}; }
 
-tBlob blobOf(std::string const& s) { return tBlob(reinterpret_cast<unsigned char const*>(s.data()), static_cast<unsigned int>(s.size())); }
 
 std::string sha1Of(tBlob const& b)
 {
@@ -81,14 +81,6 @@ struct TempDir
     ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
 };
 
-tBlob randomBlob(unsigned int size, unsigned int seed)
-{
-    std::mt19937 rng(seed);
-    tBlob b;
-    unsigned char* p = b.resize(size);
-    for (unsigned int i = 0; i < size; ++i) p[i] = static_cast<unsigned char>(rng());
-    return b;
-}
 }
 
 TEST(MsgFile, MimeTableAndNames)

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_helpers.h"
+
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -12,9 +14,7 @@
 
 namespace
 {
-std::vector<unsigned char> bytes(tBlob const& b) { return {b.getBuffer(), b.getBuffer() + b.size()}; }
 
-tBlob blobOf(std::vector<unsigned char> const& v) { return tBlob(v.data(), static_cast<unsigned int>(v.size())); }
 
 std::unique_ptr<nk_message> parse(std::vector<unsigned char> const& v, std::string* printed = nullptr)
 {

@@ -1,6 +1,8 @@
 // Two engines joined by a real byte link: an in-memory pipe and a non-blocking socketpair.
 #include <gtest/gtest.h>
 
+#include "test_helpers.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -18,14 +20,6 @@ namespace
 {
 typedef std::vector<std::string> Lines;
 
-tBlob randomBlob(unsigned int n, unsigned int seed)
-{
-    std::mt19937 rng(seed);
-    tBlob b;
-    unsigned char* p = b.resize(n);
-    for (unsigned int i = 0; i < n; ++i) p[i] = static_cast<unsigned char>(rng());
-    return b;
-}
 
 tBlob textBlob(char const* s) { return tBlob(reinterpret_cast<unsigned char const*>(s), static_cast<unsigned int>(strlen(s))); }
 

@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
+#include "test_helpers.h"
+
 #include <vector>
 
 #include "nk_serializer.h"
-
-namespace
-{
-std::vector<unsigned char> bytes(tBlob const& b) { return {b.getBuffer(), b.getBuffer() + b.size()}; }
-}
 
 TEST(Serializer, FixedWidthFieldsAreLittleEndian)
 {

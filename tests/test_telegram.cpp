@@ -2,6 +2,8 @@
 // reassembly of parts, time-outs and callbacks.
 #include <gtest/gtest.h>
 
+#include "test_helpers.h"
+
 #include <random>
 #include <vector>
 
@@ -14,14 +16,6 @@ namespace
 typedef nk_basicTelegram B;
 typedef nk_telegramPart P;
 
-tBlob randomBlob(unsigned int n, unsigned int seed)
-{
-    std::mt19937 rng(seed);
-    tBlob b;
-    unsigned char* p = b.resize(n);
-    for (unsigned int i = 0; i < n; ++i) p[i] = static_cast<unsigned char>(rng());
-    return b;
-}
 
 // Restores the process-wide part size when a test ends.
 struct MaxPayload
