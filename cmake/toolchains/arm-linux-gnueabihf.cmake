@@ -8,14 +8,10 @@ set(NK_CROSS_TRIPLET arm-linux-gnueabihf)
 
 set(CMAKE_C_COMPILER ${NK_CROSS_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${NK_CROSS_TRIPLET}-g++)
-# 64-bit file offsets and inode numbers: without them open, stat and readdir fail with
-# EOVERFLOW for files over 2 GiB and on file systems with 64-bit inode numbers or directory
-# cookies (XFS, btrfs, NFS, and ext4 as seen through qemu-user). No public header carries
-# off_t, so this does not change the library's interface.
+# 64-bit file offsets and time_t come from the project itself for every 32-bit target.
 # -Wno-psabi: GCC's note that the ARM calling convention of some STL types changed in GCC 7.1
 # concerns mixing objects built before and after that release, which never happens here.
-set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
-set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64 -Wno-psabi")
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 
 # Debian multiarch: armhf libraries and CMake packages live in /usr/lib/arm-linux-gnueabihf,
 # architecture-independent headers and packages (nlohmann-json, asio, CLI11) in /usr/include and

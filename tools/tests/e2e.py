@@ -223,13 +223,26 @@ def serial_part(work):
     check(stop(device) == 0, "serial device stops cleanly")
 
 
+def wrap_in_emulator(work):
+    """Points the program arguments at scripts that start each program under the emulator."""
+    for name in ("nkdevice", "nkctl", "pty_pair"):
+        script = os.path.join(work, name + ".sh")
+        with open(script, "w") as out:
+            out.write('#!/bin/sh\nexec %s "%s" "$@"\n' % (ARGS.emulator, getattr(ARGS, name)))
+        os.chmod(script, 0o755)
+        setattr(ARGS, name, script)
+
+
 def main():
     global ARGS
     parser = argparse.ArgumentParser()
     for name in ("--nkdevice", "--nkctl", "--pty-pair", "--examples"):
         parser.add_argument(name, required=True)
+    parser.add_argument("--emulator", default="", help="runs the programs of a cross build (e.g. qemu-arm)")
     ARGS = parser.parse_args()
     work = tempfile.mkdtemp(prefix="nk-e2e-")
+    if ARGS.emulator:
+        wrap_in_emulator(work)
     try:
         tcp_part(work)
         bad_input_part(work)
