@@ -37,8 +37,10 @@ public:
 
     unsigned int size() const { return static_cast<unsigned int>(m_data.size() - m_offset); }
     bool isEmpty() const { return size() == 0; }
-    unsigned char* getBuffer() { return m_data.data() + m_offset; }
-    unsigned char const* getBuffer() const { return m_data.data() + m_offset; }
+    // Never null, also for a blob that never held a byte, so that callers may hand it to
+    // memcpy and the like with a size of 0.
+    unsigned char* getBuffer() { return m_data.data() ? m_data.data() + m_offset : &s_noBytes; }
+    unsigned char const* getBuffer() const { return m_data.data() ? m_data.data() + m_offset : &s_noBytes; }
 
     void append(unsigned char const* data, unsigned int length);
     void append(tBlob const& other);
@@ -60,6 +62,8 @@ public:
 
 private:
     void compact();
+
+    inline static unsigned char s_noBytes = 0;
 
     std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> m_data;
     std::size_t m_offset = 0;
