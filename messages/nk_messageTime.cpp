@@ -7,7 +7,10 @@ nk_messageTime::nk_messageTime(teVersion v)
 {
 }
 
-nk_messageTime::nk_messageTime(nk_serializer* ser, teVersion v) : nk_message(TIME, v)
+// Preset like the sending constructor: a body cut short leaves the receiver's own clock,
+// so an application that applies the message does not set its clock to the epoch.
+nk_messageTime::nk_messageTime(nk_serializer* ser, teVersion v)
+    : nk_message(TIME, v), currentTime(static_cast<unsigned int>(tTime::now()))
 {
     serialize(ser, nk_serializer::SER_READ);
 }
