@@ -59,7 +59,7 @@ public:
 
     typedef void (*tLogFcn)(char const* format, va_list args);
 
-    // The body in the given direction (no header).
+    // The body in the given direction (no header). Pure, with a base body that returns false.
     virtual bool serialize(nk_serializer* ser, nk_serializer::teSerDirection dir) = 0;
     virtual ~nk_message() = default;
     virtual bool serializeToJson(tJson* json) = 0;

@@ -42,6 +42,9 @@ char const* const s_typeNames[] = {
 };
 }
 
+// Pure, yet defined: a subclass may hand its body to the base, which has none to write.
+bool nk_message::serialize(nk_serializer*, nk_serializer::teSerDirection) { return false; }
+
 bool nk_message::serializeMsg(nk_serializer* ser)
 {
     if (ser == nullptr) return false;

@@ -67,6 +67,21 @@ TEST(MessageFactory, HeaderAndUnhandledTypes)
     EXPECT_LE(unread, static_cast<unsigned int>(after));
 }
 
+namespace
+{
+// A message whose body is the base's: nothing can be written for it.
+struct tBaseBodyMessage : nk_message
+{
+    tBaseBodyMessage() : nk_message(TIME, VERSION_0) {}
+    bool serialize(nk_serializer* ser, nk_serializer::teSerDirection dir) override
+    {
+        return nk_message::serialize(ser, dir);
+    }
+    bool serializeToJson(tJson*) override { return false; }
+    bool serializeFromJson(tJson*) override { return false; }
+};
+}
+
 TEST(MessageFactory, TypeNames)
 {
     EXPECT_EQ(nk_message::typeName(nk_message::GENERIC_RSP), "GENERIC_RSP");
@@ -77,6 +92,11 @@ TEST(MessageFactory, TypeNames)
     EXPECT_EQ(nk_message::typeName(static_cast<nk_message::teType>(0xFFFF)), "invalid");
     nk_messageShutdown s(nk_message::VERSION_1);
     EXPECT_EQ(s.typeName(), "SHUTDOWN");
+
+    tBaseBodyMessage base;
+    nk_serializer ser;
+    EXPECT_FALSE(base.serializeMsg(&ser));
+    EXPECT_EQ(base.getJson(), "");
 }
 
 TEST(SimpleMessages, WireBytesAndRoundTrips)
