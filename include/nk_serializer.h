@@ -39,7 +39,8 @@ public:
     void clearSer();
 
     unsigned int readPosition() const { return m_readPos; }
-    unsigned int remaining() const { return readSize() - m_readPos; }
+    // 0 when the buffer was cut below the read position with a plain tBlob operation.
+    unsigned int remaining() const { return m_readPos < readSize() ? readSize() - m_readPos : 0; }
 
 private:
     template <typename T> bool fixed(T& v, teSerDirection d);

@@ -59,6 +59,16 @@ TEST(Serializer, ShortReadsFailWithoutMoving)
     EXPECT_TRUE(s.u16(w, nk_serializer::SER_READ));
     EXPECT_EQ(w, 0x0201);
     EXPECT_EQ(in.size(), 3u);  // the caller's blob is not changed
+
+    // Bytes cut off with the plain buffer operations leave the read position behind the
+    // end: nothing more is read, whatever the position.
+    s.slice(3);
+    unsigned char b = 0;
+    EXPECT_FALSE(s.u8(b, nk_serializer::SER_READ));
+    EXPECT_EQ(s.remaining(), 0u);
+    tString str("x");
+    EXPECT_FALSE(s.string(str, nk_serializer::SER_READ));
+    EXPECT_TRUE(str.isEmpty());
 }
 
 TEST(Serializer, StringsAndBlobs)
