@@ -67,7 +67,9 @@ public:
 class NK_API nk_messageEventsRsp : public nk_message
 {
 public:
-    enum teSortCriteria
+    // A fixed underlying type, so that any number a caller passes is a valid value (one
+    // beyond SORT_ID_ASC sorts nothing) rather than undefined behaviour.
+    enum teSortCriteria : unsigned int
     {
         SORT_TIME_FIRST_DESC = 0,
         SORT_TIME_FIRST_ASC = 1,

@@ -236,8 +236,11 @@ TEST(EventsRsp, SortEveryCriterionStable)
         EXPECT_EQ(idsOf(fresh), c.second) << c.first;
         EXPECT_EQ(nk_messageEventsRsp::l_eSortCriteria, c.first);
     }
-    rsp.sort(static_cast<S::teSortCriteria>(6));
-    EXPECT_EQ(idsOf(rsp), (std::vector<unsigned int>{3, 1, 2, 4, 5}));
+    // Criteria beyond the defined ones (a plain number from a caller) sort nothing.
+    for (unsigned int other : {6u, 200u, 0xFFFFFFFFu}) {
+        rsp.sort(static_cast<S::teSortCriteria>(other));
+        EXPECT_EQ(idsOf(rsp), (std::vector<unsigned int>{3, 1, 2, 4, 5})) << other;
+    }
 
     EXPECT_EQ(S::categoryColor(0), "#FF6600");
     EXPECT_EQ(S::categoryColor(1), "#FFFF66");
