@@ -1,6 +1,10 @@
 #ifndef NK_TELEGRAM_H
 #define NK_TELEGRAM_H
 
+#include <memory>
+#include <set>
+#include <tuple>
+
 #include "nkExport.h"
 #include "tBlob.h"
 #include "tString.h"
@@ -179,7 +183,7 @@ public:
 
 private:
     void split(tBlob* work);
-    bool isDuplicate(nk_telegramPart* part) const;
+    bool isDuplicate(nk_telegramPart* part);
     void filed(nk_telegramPart* part);
 
     tVector<nk_telegramPart*> m_parts;
@@ -191,8 +195,13 @@ private:
     bool m_bCompressionAllowed;
     unsigned char m_u8SendRetries;
     // Highest part id filed so far: parts arrive in order, so a higher id cannot be a
-    // duplicate and the search through the list is skipped.
+    // duplicate and needs no look-up.
     unsigned int m_u32HighestPartId;
+    // (part id, source, destination) of every part filed, built when the first part arrives
+    // that is not above the highest: a peer sending ids downwards or repeating them then
+    // costs a look-up per part, not a search through the whole list.
+    typedef std::tuple<unsigned int, unsigned int, unsigned int> tPartKey;
+    std::unique_ptr<std::set<tPartKey>> m_pFiled;
 };
 
 #endif

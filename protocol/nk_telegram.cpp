@@ -1,5 +1,6 @@
 #include "nk_telegram.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include "tCompression.h"
@@ -173,19 +174,29 @@ void nk_telegram::notifyTimeout()
     if (m_pCallback) m_pCallback(ADDRESS_NONE, nullptr, m_pContext, true, m_pUserData);
 }
 
-bool nk_telegram::isDuplicate(nk_telegramPart* part) const
+namespace
+{
+std::tuple<unsigned int, unsigned int, unsigned int> partKey(nk_telegramPart const* p)
+{
+    return std::make_tuple(p->partId(), p->sourceAddress(), p->destinationAddress());
+}
+}
+
+bool nk_telegram::isDuplicate(nk_telegramPart* part)
 {
     if (m_parts.empty() || part->partId() > m_u32HighestPartId) return false;
-    for (nk_telegramPart* p : m_parts)
-        if (p && p->partId() == part->partId() && p->destinationAddress() == part->destinationAddress() &&
-            p->sourceAddress() == part->sourceAddress())
-            return true;
-    return false;
+    if (!m_pFiled) {
+        m_pFiled.reset(new std::set<tPartKey>());
+        for (nk_telegramPart* p : m_parts)
+            if (p) m_pFiled->insert(partKey(p));
+    }
+    return m_pFiled->count(partKey(part)) != 0;
 }
 
 void nk_telegram::filed(nk_telegramPart* part)
 {
     if (part->partId() > m_u32HighestPartId || m_parts.size() == 1) m_u32HighestPartId = part->partId();
+    if (m_pFiled) m_pFiled->insert(partKey(part));
 }
 
 bool nk_telegram::addTelegramPart(nk_telegramPart* part)
@@ -219,7 +230,11 @@ bool nk_telegram::sortTelegrams(nk_telegramPart*& a, nk_telegramPart*& b)
 
 bool nk_telegram::isCorrupt()
 {
-    m_parts.sort(sortTelegrams);
+    // The list never holds null, so this gives exactly the order of the neighbour-exchange
+    // sort with sortTelegrams (ascending part ids, equal ids in arrival order), without its
+    // quadratic cost when a peer sends many parts in reverse.
+    std::stable_sort(m_parts.begin(), m_parts.end(),
+                     [](nk_telegramPart* a, nk_telegramPart* b) { return a->partId() < b->partId(); });
     for (std::size_t i = 0; i < m_parts.size(); ++i) {
         nk_telegramPart* p = m_parts[i];
         if (p && p->partId() != i + 1) return true;

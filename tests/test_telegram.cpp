@@ -239,6 +239,20 @@ TEST(Telegram, ReassemblyKeepsArrivalOrderAndFindsGaps)
     EXPECT_EQ(reversed.part(0)->partId(), 1u);
     EXPECT_FALSE(reversed.addTelegramPart(p(2, true)));
 
+    // Many parts arriving downwards, each twice: stored once, joined in ascending order.
+    nk_telegram downwards(p(300, false));
+    for (unsigned int id = 300; id >= 2; --id) {
+        EXPECT_EQ(downwards.addTelegramPart(p(id, false)), id != 300) << id;
+        EXPECT_FALSE(downwards.addTelegramPart(p(id, false))) << id;
+    }
+    EXPECT_TRUE(downwards.addTelegramPart(p(1, true)));
+    EXPECT_FALSE(downwards.addTelegramPart(p(150, false)));
+    ASSERT_EQ(downwards.partCount(), 300u);
+    EXPECT_TRUE(downwards.lastPartPresent());
+    EXPECT_FALSE(downwards.isCorrupt());
+    for (unsigned int i = 0; i < 300; ++i) ASSERT_EQ(downwards.part(i)->partId(), i + 1);
+    EXPECT_EQ(downwards.getCompleteContent()->size(), 300u);
+
     P* null = nullptr;
     P* one = made[0];
     EXPECT_FALSE(nk_telegram::sortTelegrams(null, one));
