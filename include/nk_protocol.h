@@ -2,6 +2,9 @@
 #define NK_PROTOCOL_H
 
 #include <cstdarg>
+#include <cstddef>
+#include <map>
+#include <tuple>
 
 #include "nkExport.h"
 #include "nk_telegram.h"
@@ -75,6 +78,7 @@ private:
     void parseStream();
     void handleResponse(nk_telegramPart& part, tBlob* content);
     tBlob* fileMultiPart(nk_telegramPart* part, nk_telegram** complete, bool takePayload);
+    void dropIncoming(std::size_t index);
     void removeHandled(nk_telegram* complete, unsigned int id);
     void keepContentStorage(nk_telegram* complete);
     bool frameMayBeReady();
@@ -91,6 +95,14 @@ private:
     void* m_pContext;
     unsigned int m_u32DefaultTimeout_s;
     bool m_bCompressionAllowed;
+
+    // Where each open incoming context sits in the incoming list, by (telegram id, source,
+    // destination): a peer that opens many contexts does not make every later part search
+    // them all. Guarded by the incoming lock. Slots before m_firstIncomingHole keep their
+    // places when the list is compacted, so only those behind it are renumbered.
+    typedef std::tuple<unsigned int, unsigned int, unsigned int> tContextKey;
+    std::map<tContextKey, std::size_t> m_incomingIndex;
+    std::size_t m_firstIncomingHole;
 
     // Where the first start and end bytes of the stream are, as far as it has been
     // searched: new bytes are searched once, not again on every poll while a large frame

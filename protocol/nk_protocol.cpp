@@ -15,10 +15,17 @@ const unsigned char kFrameEnd = 0x02;
 // sent a large telegram does not hold that much while idle.
 const unsigned int kLargeBuffer = 65536;
 
+const std::size_t kNoHole = static_cast<std::size_t>(-1);
+
 template <typename T>
 void eraseNulls(tVector<T*>& list)
 {
     list.erase(std::remove(list.begin(), list.end(), static_cast<T*>(nullptr)), list.end());
+}
+
+std::tuple<unsigned int, unsigned int, unsigned int> contextKey(nk_basicTelegram const* t)
+{
+    return std::make_tuple(t->telegramId(), t->sourceAddress(), t->destinationAddress());
 }
 }
 
@@ -29,7 +36,8 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
                          tProtLogFcn logFcn, void* logContext, tOutputFcn logOutput)
     : tLog(logContext, logOutput), m_u32OwnAddress(ownAddress), m_csIncoming(true), m_csOutgoing(true),
       m_pRecvCb(recvCb), m_pStream(new tBlob()), m_bNewData(false), m_pContext(context),
-      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_u32Searched(0),
+      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_firstIncomingHole(kNoHole),
+      m_u32Searched(0),
       m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
       m_bSpareFromThisPoll(false), m_u32StreamPeak(0)
 {
@@ -43,6 +51,7 @@ nk_protocol::~nk_protocol()
         tCriticalSectionLock lock(m_csIncoming);
         for (nk_telegram* t : m_incoming) delete t;
         m_incoming.clear();
+        m_incomingIndex.clear();
     }
     {
         tCriticalSectionLock lock(m_csOutgoing);
@@ -325,14 +334,12 @@ void nk_protocol::removeHandled(nk_telegram* complete, unsigned int id)
     bool found = false;
     {
         tCriticalSectionLock lock(m_csIncoming);
-        for (nk_telegram*& t : m_incoming) {
-            if (t != complete) continue;
+        auto entry = m_incomingIndex.find(contextKey(complete));
+        if (entry != m_incomingIndex.end() && m_incoming[entry->second] == complete) {
             log("telegram handled, remove it (tlg-id: %d)", id);
-            t = nullptr;
             keepContentStorage(complete);
-            delete complete;
+            dropIncoming(entry->second);
             found = true;
-            break;
         }
     }
     if (!found) log("telegram handled, but can't remove it (tlg-id: %d)", id);
@@ -361,10 +368,10 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
     if (!part) return nullptr;
     if (complete) *complete = nullptr;
     tCriticalSectionLock lock(m_csIncoming);
-    for (nk_telegram*& t : m_incoming) {
-        if (!t || t->telegramId() != part->telegramId() || t->sourceAddress() != part->sourceAddress() ||
-            t->destinationAddress() != part->destinationAddress())
-            continue;
+    auto entry = m_incomingIndex.find(contextKey(part));
+    if (entry != m_incomingIndex.end()) {
+        const std::size_t index = entry->second;
+        nk_telegram* t = m_incoming[index];
         const bool added = takePayload ? t->adoptTelegramPart(part) : t->addTelegramPart(part);
         if (!added) return nullptr;  // a duplicate
         if (!t->lastPartPresent()) {
@@ -373,8 +380,7 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
         }
         if (t->isCorrupt()) {
             log("received complete telegram is corrupt, remove it (tlg.-id: %u)", t->telegramId());
-            delete t;
-            t = nullptr;
+            dropIncoming(index);
             return nullptr;
         }
         if (takePayload && m_pContentSpare) {
@@ -387,8 +393,7 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
         tBlob* content = t->getCompleteContent();
         if (!content) {
             log("received telegram is now complete, but has no content, remove it (tlg.-id: %u)", t->telegramId());
-            delete t;
-            t = nullptr;
+            dropIncoming(index);
             return nullptr;
         }
         log("received telegram is now complete (tlg.-id: %u, content: %d bytes)", t->telegramId(), content->size());
@@ -398,14 +403,29 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
     // Deliberate: the first part of a new context is never checked for completeness.
     log("received telegram part for new context (tlg.-id: %u)", part->telegramId());
     m_incoming.push_back(new nk_telegram(part, takePayload));
+    m_incomingIndex[contextKey(part)] = m_incoming.size() - 1;
     return nullptr;
+}
+
+void nk_protocol::dropIncoming(std::size_t index)
+{
+    nk_telegram*& t = m_incoming[index];
+    m_incomingIndex.erase(contextKey(t));
+    delete t;
+    t = nullptr;
+    if (index < m_firstIncomingHole) m_firstIncomingHole = index;
 }
 
 void nk_protocol::eraseDeletedTelegrams_TS()
 {
     {
         tCriticalSectionLock lock(m_csIncoming);
-        eraseNulls(m_incoming);
+        if (m_firstIncomingHole != kNoHole) {
+            const std::size_t from = m_firstIncomingHole;
+            m_incoming.erase(std::remove(m_incoming.begin() + from, m_incoming.end(), nullptr), m_incoming.end());
+            for (std::size_t i = from; i < m_incoming.size(); ++i) m_incomingIndex[contextKey(m_incoming[i])] = i;
+            m_firstIncomingHole = kNoHole;
+        }
     }
     tCriticalSectionLock lock(m_csOutgoing);
     eraseNulls(m_outgoing);

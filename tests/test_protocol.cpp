@@ -268,6 +268,42 @@ TEST(Protocol, MultiPartContentBothWaysCompressedOrNot)
     b.poll();
     EXPECT_EQ(b.requests.size(), 2u);
     EXPECT_EQ(b.engine.incomingTelegrams_TS(), 1u);
+
+    // 1, 3 (last), 2: corrupt on part 3 and removed; part 2 opens a new context. Then many
+    // open contexts complete in reverse, half in one poll and half in the next.
+    b.answer = Endpoint::NOTHING;
+    auto frame = [](tBlob& out, unsigned int id, unsigned int partId, bool last) {
+        tBlob payload = randomBlob(3, id * 10 + partId);
+        nk_telegramPart part(id, 1, 2, partId, 0, last, &payload, nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE,
+                             nk_basicTelegram::COMPRESSION_NONE);
+        part.serialize(&out);
+    };
+    frames.clear();
+    for (unsigned int partId : {1u, 3u, 2u}) frame(frames, 900, partId, partId == 3);
+    for (unsigned int id = 1000; id < 1100; ++id) frame(frames, id, 1, false);
+    b.engine.pushData(frames.getBuffer(), frames.size());
+    b.poll();
+    EXPECT_TRUE(contains(b.log, "received complete telegram is corrupt, remove it (tlg.-id: 900)"));
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 102u);
+    for (unsigned int round = 0; round < 2; ++round) {
+        frames.clear();
+        for (unsigned int id = 1099 - 50 * round; id >= 1050 - 50 * round; --id) frame(frames, id, 2, true);
+        b.engine.pushData(frames.getBuffer(), frames.size());
+        b.poll();
+        EXPECT_EQ(b.engine.incomingTelegrams_TS(), 52u - 50 * round);
+    }
+    ASSERT_EQ(b.requests.size(), 102u);
+    for (unsigned int i = 0; i < 100; ++i) {
+        const unsigned int id = 1099 - i;
+        tBlob joined = randomBlob(3, id * 10 + 1);
+        joined.append(randomBlob(3, id * 10 + 2));
+        ASSERT_EQ(b.requests[2 + i].content, joined) << id;
+    }
+    frames.clear();
+    frame(frames, 900, 3, true);  // completes the context that part 2 opened: 2, 3 is corrupt
+    b.engine.pushData(frames.getBuffer(), frames.size());
+    b.poll();
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 1u);
 }
 
 TEST(Protocol, CorruptAndTruncatedFramesBetweenGoodOnes)
