@@ -49,8 +49,10 @@ public:
     nk_protocol& operator=(nk_protocol const&) = delete;
 
     // Queues a request (content that is sent uncompressed is consumed). With a callback it
-    // asks for a response and the callback is called exactly once, with the response or on
-    // time-out (timeout_s 0: the default); without one no response is expected.
+    // asks for a response and the callback is called at most once, with the response or on
+    // time-out (timeout_s 0: the default; counted from now, not from the sending); never if
+    // the request cannot be sent or the engine is destroyed first. Without one no response
+    // is expected.
     void enqueue_TS(tBlob* content, unsigned int destAddress, tResponseCallback responseCb, unsigned int timeout_s,
                     void* userData);
     void respond_TS(tBlob* content, unsigned int destAddress, unsigned int telegramId);
