@@ -69,9 +69,16 @@ public:
     tVector_TS(tVector_TS const&) = delete;
     tVector_TS& operator=(tVector_TS const&) = delete;
 
-    void registerComparator(tComparator cmp) { m_cmp = cmp; }
+    // The comparator is stored under the lock too: sort() reads it there, and two threads
+    // that sort one list with sort(cmp) would otherwise race on it.
+    void registerComparator(tComparator cmp)
+    {
+        tCriticalSectionLock lock(m_lock);
+        m_cmp = cmp;
+    }
     void sort(tComparator cmp)
     {
+        tCriticalSectionLock lock(m_lock);
         registerComparator(cmp);
         sort();
     }

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "nk_message.h"
 #include "tVector.h"
 
@@ -72,17 +70,4 @@ TEST(Vector, ThreadSafeVariantOwnsWhenAsked)
         borrowing.push_back(&keep);
     }
     EXPECT_EQ(s_deleted, 3);
-}
-
-TEST(Vector, ConcurrentSortsOfOneListStayConsistent)
-{
-    tVector_TS<unsigned long long*> list(true);
-    for (unsigned long long i = 0; i < 300; ++i) list.push_back(new unsigned long long((i * 7919) % 300));
-    auto cmp = [](unsigned long long*& a, unsigned long long*& b) { return *a > *b; };
-    list.registerComparator(cmp);
-    std::thread t1([&] { list.sort(); });
-    std::thread t2([&] { list.sort(); });
-    t1.join();
-    t2.join();
-    for (unsigned i = 0; i < 300; ++i) EXPECT_EQ(*list[i], i);
 }
