@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <string>
 
 EngineBinding::EngineBinding(std::shared_ptr<Link> link, nk_protocol& engine)
     : m_link(std::move(link)), m_engine(engine)
@@ -17,8 +18,15 @@ void EngineBinding::start(Link::CloseHandler onClose)
 {
     m_link->start(
         [this](unsigned char const* data, std::size_t length) {
-            // pushData takes the bytes by copy; its parameter is not const for historical reasons.
-            m_engine.pushData(const_cast<unsigned char*>(data), static_cast<unsigned int>(length));
+            const bool withinBound = m_gate.feed(data, length, [this](unsigned char const* bytes, std::size_t n) {
+                // pushData takes the bytes by copy; its parameter is not const for historical reasons.
+                m_engine.pushData(const_cast<unsigned char*>(bytes), static_cast<unsigned int>(n));
+            });
+            if (!withinBound) {
+                m_link->close("peer sent a frame longer than " + std::to_string(m_gate.maxFrameBytes()) +
+                              " bytes");
+                return;
+            }
             poll();
         },
         std::move(onClose));

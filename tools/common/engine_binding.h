@@ -4,11 +4,12 @@
 #include <memory>
 #include <string>
 
+#include "frame_gate.h"
 #include "link.h"
 #include "nk_protocol.h"
 
-// Joins one protocol engine to one link on the polling thread. Bytes that arrive are pushed
-// into the engine, which is polled at once; the engine's send function hands its bytes to the
+// Joins one protocol engine to one link on the polling thread. The frame bytes that arrive
+// (see FrameGate) are pushed into the engine, which is polled at once; the engine's send function hands its bytes to the
 // link's output queue and so always reports them all as written: a poll never waits on the
 // link and the engine's EAGAIN retries are never reached.
 class EngineBinding
@@ -36,6 +37,7 @@ private:
 
     std::shared_ptr<Link> m_link;
     nk_protocol& m_engine;
+    FrameGate m_gate;
 };
 
 #endif

@@ -72,7 +72,7 @@ void Link::fail(std::string const& reason)
     if (onClose) onClose(reason);
 }
 
-void Link::close()
+void Link::close(std::string const& reason)
 {
-    fail("closed");
+    fail(reason);
 }

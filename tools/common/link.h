@@ -32,7 +32,8 @@ public:
     // Starts reading. The close handler runs once, when the peer or an error ends the link.
     void start(ReceiveHandler onReceive, CloseHandler onClose);
     bool queue(unsigned char const* data, std::size_t length);
-    void close();
+    // Ends the link; the close handler gets reason.
+    void close(std::string const& reason = "closed");
 
     bool isOpen() const { return m_open; }
     std::size_t unsentBytes() const { return m_pending.size() - m_pendingOffset + m_writing.size(); }

@@ -76,6 +76,16 @@ def one_error_line(result, fragment, what):
           "%s: one line naming '%s' (got %r, exit %r)" % (what, fragment, err.strip(), status))
 
 
+def answer_bytes(sock):
+    """Bytes of the next read from a raw connection: 0 when the peer closed it, -1 on time-out."""
+    try:
+        return len(sock.recv(65536))
+    except socket.timeout:
+        return -1
+    except ConnectionResetError:
+        return 0
+
+
 def schedules_as_library_writes(path):
     """The schedule set as the library's getJson writes it: entries nested, "frame" = flags."""
     doc = json.load(open(ARGS.examples + "/schedules.json"))
@@ -124,6 +134,19 @@ def tcp_part(work):
     for payload in (os.urandom(4096), b"\x01" + bytes(range(0x80, 0x100)), b"\x02\x01\x02garbage\x01\x90"):
         with socket.create_connection((host, int(port)), timeout=5) as raw:
             raw.sendall(payload)
+    # On one connection: a stray end byte ahead of a request, then a frame that never ends.
+    request = work + "/state-request.json"
+    json.dump({"action": "state", "type": "request", "tv": 1}, open(request, "w"))
+    frames = subprocess.run([ARGS.nkctl, "encode", request], capture_output=True, timeout=10).stdout
+    with socket.create_connection((host, int(port)), timeout=5) as raw:
+        raw.sendall(b"\x02noise" + frames)
+        check(answer_bytes(raw) > 0, "a request behind a stray end byte is answered")
+        try:
+            raw.sendall(b"\x01" + b"\x80" * (32 << 20))
+            closed = answer_bytes(raw) == 0
+        except OSError:
+            closed = True
+        check(closed, "a frame that never ends closes its connection")
     status, _, _ = ctl(link, "state")
     check(status == 0, "device still serves after garbage and cut telegrams")
 
@@ -217,6 +240,10 @@ def serial_part(work):
     device_end, station_end = line.split()
     device, _ = start_device(work + "/serial-data", "--serial", device_end, "--address", "7")
     link = ["--serial", station_end, "--address", "7"]
+    # Line noise with a stray end byte must not leave the device deaf.
+    noise = os.open(station_end, os.O_WRONLY | os.O_NOCTTY)
+    os.write(noise, b"\x02\x7fnoise\x02")
+    os.close(noise)
     session(link, work, 43)
     status, out, _ = ctl(link, "shutdown")
     check(status == 0, "shutdown over the serial link")

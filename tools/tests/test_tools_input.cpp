@@ -1,10 +1,13 @@
 // The tools' parsing of what users type and what arrives on the link.
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "device_store.h"
 #include "endpoint.h"
 #include "file_input.h"
 #include "frame_decoder.h"
+#include "frame_gate.h"
 #include "mime_types.h"
 #include "output.h"
 #include "tool_error.h"
@@ -75,4 +78,28 @@ TEST(ToolsInput, CaptureAsHexOrBytes)
     EXPECT_EQ(bytesFromCapture(tBlob(raw, 3)), tBlob(raw, 3));
     const unsigned char odd[] = "abc";
     EXPECT_EQ(bytesFromCapture(tBlob(odd, 3)).size(), 3u);  // odd digit count: taken as bytes
+}
+
+TEST(ToolsInput, FrameGatePassesFramesOnly)
+{
+    // A stray end byte and noise ahead of a frame, the frame split across three reads, noise
+    // after it, then a second frame.
+    const std::vector<std::vector<unsigned char>> reads = {
+        {0x02, 0x55, 0x01, 0x81}, {0x82}, {0x83, 0x02, 0x7f, 0x02}, {0x01, 0x90, 0x02}};
+    FrameGate gate(16);
+    std::vector<unsigned char> passed;
+    for (auto const& read : reads)
+        EXPECT_TRUE(gate.feed(read.data(), read.size(), [&](unsigned char const* data, std::size_t n) {
+            passed.insert(passed.end(), data, data + n);
+        }));
+    EXPECT_EQ(passed, (std::vector<unsigned char>{0x01, 0x81, 0x82, 0x83, 0x02, 0x01, 0x90, 0x02}));
+    EXPECT_EQ(gate.droppedBytes(), 4u);
+
+    // A frame that never ends is refused once it passes the bound, also across reads.
+    FrameGate bounded(6);
+    const unsigned char longFrame[] = {0x01, 0x80, 0x80, 0x80};
+    auto ignore = [](unsigned char const*, std::size_t) {};
+    EXPECT_TRUE(bounded.feed(longFrame, sizeof longFrame, ignore));
+    EXPECT_FALSE(bounded.feed(longFrame + 1, 3, ignore));
+    EXPECT_GE(FrameGate::defaultMaxFrameBytes(), std::size_t(16) << 20);
 }
