@@ -40,6 +40,39 @@ inline unsigned countTrailingZeros64(uint64_t v)  // v != 0
 #endif
 }
 
+// Byte counts in four tables, so that repeated bytes do not stall on one counter; a
+// table never overflows, since no input is longer than 2^32 - 1 bytes.
+class ByteCounter
+{
+public:
+    // Eight bytes as readLE<uint64_t> gives them.
+    void addWord(uint64_t w)
+    {
+        ++m_counts[0][w & 0xFF];
+        ++m_counts[1][(w >> 8) & 0xFF];
+        ++m_counts[2][(w >> 16) & 0xFF];
+        ++m_counts[3][(w >> 24) & 0xFF];
+        ++m_counts[0][(w >> 32) & 0xFF];
+        ++m_counts[1][(w >> 40) & 0xFF];
+        ++m_counts[2][(w >> 48) & 0xFF];
+        ++m_counts[3][w >> 56];
+    }
+    void addBytes(unsigned char const* p, std::size_t n)
+    {
+        std::size_t i = 0;
+        for (; i + 8 <= n; i += 8) addWord(readLE<uint64_t>(p + i));
+        for (; i < n; ++i) ++m_counts[i & 3][p[i]];
+    }
+    void addRepeat(unsigned char b, std::size_t n) { m_counts[0][b] += static_cast<uint32_t>(n); }
+    void total(uint32_t counts[256]) const
+    {
+        for (unsigned s = 0; s < 256; ++s) counts[s] = m_counts[0][s] + m_counts[1][s] + m_counts[2][s] + m_counts[3][s];
+    }
+
+private:
+    uint32_t m_counts[4][256] = {};
+};
+
 // Byte counts of data, in counts[0..255].
 void histogram(unsigned char const* data, std::size_t length, uint32_t counts[256]);
 }
@@ -50,6 +83,9 @@ constexpr std::size_t kMaxPacket = 128;
 
 // Size of the packet stream (without the length header) that encodeBody writes.
 uint64_t encodedBodySize(unsigned char const* data, std::size_t length);
+// The same size, and the byte counts of data (as compression::histogram gives them) from
+// the same pass over the data.
+uint64_t encodedBodySizeAndCounts(unsigned char const* data, std::size_t length, uint32_t counts[256]);
 // Room encodeBody may need: every literal packet of 128 bytes costs one control byte.
 inline uint64_t worstCaseBodySize(std::size_t length) { return length + (length + kMaxPacket - 1) / kMaxPacket; }
 // Writes the packet stream to out (worstCaseBodySize bytes of room); gives the bytes written.

@@ -31,31 +31,46 @@ inline std::size_t runLength(unsigned char const* data, std::size_t i, std::size
     return j - i;
 }
 
-// The first position in [from, limit) where a run of at least kMinRun equal bytes starts
-// (judged against the whole data, not only up to limit), or limit.
-inline std::size_t findRunStart(unsigned char const* data, std::size_t from, std::size_t limit, std::size_t length)
+// Bit k / 8 (the top bit of byte k) flags data[p+k] == data[p+k+1] == data[p+k+2], for k in
+// 0..7; bytes above the lowest flagged one may be flagged falsely, the lowest is exact.
+inline uint64_t runStarts8(unsigned char const* p)
+{
+    const uint64_t a = readLE<uint64_t>(p);
+    const uint64_t b = readLE<uint64_t>(p + 1);
+    const uint64_t c = readLE<uint64_t>(p + 2);
+    const uint64_t z = (a ^ b) | (b ^ c);
+    return (z - kOnes) & ~z & kHighs;
+}
+
+// The first position at or after `from` where a run of at least kMinRun equal bytes starts,
+// or length. Every byte passed over (the literal bytes from `from` up to that position) is
+// shown once to the sink's `passed`, so a sink can count them while they are at hand.
+template <typename Sink>
+inline std::size_t findRunStart(unsigned char const* data, std::size_t from, std::size_t length, Sink& sink)
 {
     std::size_t i = from;
-    // Eight positions per step: byte k of z is zero when data[i+k] == data[i+k+1] == data[i+k+2];
-    // the lowest flagged byte of the zero-byte test is exact.
-    while (i + 8 <= limit && i + 10 <= length) {
-        const uint64_t a = readLE<uint64_t>(data + i);
-        const uint64_t b = readLE<uint64_t>(data + i + 1);
-        const uint64_t c = readLE<uint64_t>(data + i + 2);
-        const uint64_t z = (a ^ b) | (b ^ c);
-        const uint64_t zeroBytes = (z - kOnes) & ~z & kHighs;
-        if (zeroBytes) return i + compression::countTrailingZeros64(zeroBytes) / 8;
+    // Eight positions per step while the loads stay inside the data.
+    while (i + 10 <= length) {
+        const uint64_t starts = runStarts8(data + i);
+        if (starts) {
+            const std::size_t at = i + compression::countTrailingZeros64(starts) / 8;
+            sink.passed(data + i, at - i);
+            return at;
+        }
+        sink.passedWord(readLE<uint64_t>(data + i));
         i += 8;
     }
-    for (; i < limit; ++i)
-        if (i + 2 < length && data[i] == data[i + 1] && data[i + 1] == data[i + 2]) return i;
-    return limit;
+    const std::size_t tail = i;
+    while (i + 2 < length && !(data[i] == data[i + 1] && data[i + 1] == data[i + 2])) ++i;
+    if (i + 2 >= length) i = length;
+    sink.passed(data + tail, i - tail);
+    return i;
 }
 
 // The encoder's greedy rule, which fixes every encoded size: at position i, a run of at
-// least 3 equal bytes becomes one repeat packet of min(run, 128) bytes; otherwise a literal
-// packet takes the bytes from i up to (not including) the next position where such a run
-// starts, at most 128 of them.
+// least 3 equal bytes becomes one repeat packet of min(run, 128) bytes; otherwise the bytes
+// from i up to (not including) the next position where such a run starts are literal,
+// written as packets of 128 bytes and one shorter last packet.
 template <typename Sink>
 void scan(unsigned char const* data, std::size_t length, Sink& sink)
 {
@@ -67,7 +82,9 @@ void scan(unsigned char const* data, std::size_t length, Sink& sink)
             i += run;
             continue;
         }
-        const std::size_t end = findRunStart(data, i + 1, std::min(length, i + kMaxPacket), length);
+        // No run starts at i, so searching from i finds the first one after it.
+        const std::size_t end = findRunStart(data, i, length, sink);
+        for (; end - i > kMaxPacket; i += kMaxPacket) sink.literal(data + i, kMaxPacket);
         sink.literal(data + i, end - i);
         i = end;
     }
@@ -78,7 +95,44 @@ struct SizeSink
     uint64_t size = 0;
     void repeat(unsigned char, std::size_t) { size += 2; }
     void literal(unsigned char const*, std::size_t n) { size += 1 + n; }
+    void passedWord(uint64_t) {}
+    void passed(unsigned char const*, std::size_t) {}
 };
+
+// The size and the byte counts in one pass: the literal bytes are counted as the search for
+// the next run passes them, the runs from their length.
+struct CountingSizeSink : SizeSink
+{
+    compression::ByteCounter counter;
+    void repeat(unsigned char b, std::size_t n)
+    {
+        SizeSink::repeat(b, n);
+        counter.addRepeat(b, n);
+    }
+    void passedWord(uint64_t w) { counter.addWord(w); }
+    void passed(unsigned char const* p, std::size_t n) { counter.addBytes(p, n); }
+};
+
+// A copy of 1..128 bytes in overlapping fixed-size pieces, never past either end. Left to
+// memcpy, a copy whose length the compiler knows to be small may become a `rep movs`, which
+// costs more to start than these literals take to copy.
+inline void copyLiteral(unsigned char* dst, unsigned char const* src, std::size_t n)
+{
+    if (n >= 16) {
+        for (std::size_t k = 0; k + 16 < n; k += 16) std::memcpy(dst + k, src + k, 16);
+        std::memcpy(dst + n - 16, src + n - 16, 16);
+    } else if (n >= 8) {
+        std::memcpy(dst, src, 8);
+        std::memcpy(dst + n - 8, src + n - 8, 8);
+    } else if (n >= 4) {
+        std::memcpy(dst, src, 4);
+        std::memcpy(dst + n - 4, src + n - 4, 4);
+    } else {
+        dst[0] = src[0];
+        dst[n / 2] = src[n / 2];
+        dst[n - 1] = src[n - 1];
+    }
+}
 
 struct WriteSink
 {
@@ -92,9 +146,11 @@ struct WriteSink
     void literal(unsigned char const* p, std::size_t n)
     {
         *out++ = static_cast<unsigned char>(n - 1);
-        std::memcpy(out, p, n);
+        copyLiteral(out, p, n);
         out += n;
     }
+    void passedWord(uint64_t) {}
+    void passed(unsigned char const*, std::size_t) {}
 };
 }
 
@@ -102,6 +158,14 @@ uint64_t encodedBodySize(unsigned char const* data, std::size_t length)
 {
     SizeSink sink;
     scan(data, length, sink);
+    return sink.size;
+}
+
+uint64_t encodedBodySizeAndCounts(unsigned char const* data, std::size_t length, uint32_t counts[256])
+{
+    CountingSizeSink sink;
+    scan(data, length, sink);
+    sink.counter.total(counts);
     return sink.size;
 }
 

@@ -62,22 +62,9 @@ namespace compression
 {
 void histogram(unsigned char const* data, std::size_t length, uint32_t counts[256])
 {
-    // Four tables so that repeated bytes do not stall on one counter.
-    uint32_t partial[4][256] = {};
-    std::size_t i = 0;
-    for (; i + 8 <= length; i += 8) {
-        const uint64_t w = readLE<uint64_t>(data + i);
-        ++partial[0][w & 0xFF];
-        ++partial[1][(w >> 8) & 0xFF];
-        ++partial[2][(w >> 16) & 0xFF];
-        ++partial[3][(w >> 24) & 0xFF];
-        ++partial[0][(w >> 32) & 0xFF];
-        ++partial[1][(w >> 40) & 0xFF];
-        ++partial[2][(w >> 48) & 0xFF];
-        ++partial[3][w >> 56];
-    }
-    for (; i < length; ++i) ++partial[0][data[i]];
-    for (unsigned s = 0; s < 256; ++s) counts[s] = partial[0][s] + partial[1][s] + partial[2][s] + partial[3][s];
+    ByteCounter counter;
+    counter.addBytes(data, length);
+    counter.total(counts);
 }
 }
 }
@@ -158,8 +145,7 @@ void tCompression::encodedSizes(unsigned char const* data, unsigned int length, 
 {
     uint32_t counts[256];
     uint8_t lengths[256];
-    compression::histogram(data, length, counts);
+    rleSize = saturate(compression::kHeaderBytes + packbits::encodedBodySizeAndCounts(data, length, counts));
     huffman::buildCodeLengths(counts, lengths);
     huffmanSize = saturate(huffman::encodedSize(length, counts, lengths));
-    rleSize = saturate(compression::kHeaderBytes + packbits::encodedBodySize(data, length));
 }
