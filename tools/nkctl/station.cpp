@@ -11,8 +11,14 @@ struct Station::Target
 {
     std::string name;
     std::unique_ptr<nk_protocol> engine;
-    std::unique_ptr<EngineBinding> binding;
+    std::unique_ptr<EngineBinding> binding;  // null when the link could not be opened
     std::string closedReason;
+
+    bool open() const { return binding && binding->link().isOpen(); }
+    std::string failure() const
+    {
+        return binding ? "connection to " + name + " lost: " + closedReason : closedReason;
+    }
 };
 
 struct Station::Pending
@@ -52,17 +58,37 @@ Station::~Station()
 void Station::connect()
 {
     std::vector<std::shared_ptr<Link>> links;
+    std::vector<std::string> failures;
     if (!m_options.serialPath.empty()) {
         links.push_back(openSerial(m_io, m_options.serialPath, m_options.baud));
+        failures.emplace_back();
     } else {
-        for (std::string const& device : m_options.devices)
-            links.push_back(connectTcp(m_io, parseEndpoint(device, "127.0.0.1"),
-                                       std::chrono::seconds(m_options.timeout_s)));
+        // Addresses are checked before anything is sent; a device that cannot be reached
+        // fails alone when there are several, so the others are still served.
+        std::vector<Endpoint> endpoints;
+        for (std::string const& device : m_options.devices) endpoints.push_back(parseEndpoint(device, "127.0.0.1"));
+        for (Endpoint const& endpoint : endpoints) {
+            try {
+                links.push_back(connectTcp(m_io, endpoint, std::chrono::seconds(m_options.timeout_s)));
+                failures.emplace_back();
+            } catch (ToolError const& e) {
+                if (endpoints.size() == 1) throw;
+                links.push_back(nullptr);
+                failures.emplace_back(e.what());
+            }
+        }
     }
     // Connecting ran the io_context until it had no work left, which stops it.
     m_io.restart();
-    for (auto& link : links) {
+    for (std::size_t i = 0; i < links.size(); ++i) {
+        std::shared_ptr<Link>& link = links[i];
         std::unique_ptr<Target> target(new Target);
+        if (!link) {
+            target->name = m_options.devices[i];
+            target->closedReason = failures[i];
+            m_targets.push_back(std::move(target));
+            continue;
+        }
         target->name = link->name();
         target->engine.reset(new nk_protocol(m_options.ownAddress, nullptr, nullptr, m_options.timeout_s, nullptr,
                                              const_cast<char*>("nkctl engine"),
@@ -73,7 +99,8 @@ void Station::connect()
         m_targets.push_back(std::move(target));
     }
     m_timer.reset(new PollTimer(m_io, std::chrono::milliseconds(20), [this] {
-        for (auto const& target : m_targets) target->binding->poll();
+        for (auto const& target : m_targets)
+            if (target->binding) target->binding->poll();
     }));
 }
 
@@ -116,8 +143,8 @@ std::vector<Station::Reply> Station::request(nk_message& msg, std::string const&
         pending.replies = &replies;
         pending.address = m_options.deviceAddress;
         pending.timeout_s = timeoutFor(bytes.size());
-        if (!target.binding->link().isOpen()) {
-            replies[i].error = "connection to " + target.name + " lost: " + target.closedReason;
+        if (!target.open()) {
+            replies[i].error = target.failure();
             pending.done = true;
             continue;
         }
@@ -129,7 +156,8 @@ std::vector<Station::Reply> Station::request(nk_message& msg, std::string const&
     }
 
     std::uint64_t total = 0;
-    for (auto const& target : m_targets) total += target->binding->link().unsentBytes();
+    for (auto const& target : m_targets)
+        if (target->binding) total += target->binding->link().unsentBytes();
     Progress progress(progressLabel, progressLabel.empty() || total < (256u << 10) ? 0 : total);
     // A safety net beyond the engines' own time-outs, which count in whole seconds.
     unsigned int longest = 0;
@@ -141,10 +169,10 @@ std::vector<Station::Reply> Station::request(nk_message& msg, std::string const&
         std::uint64_t written = 0;
         for (std::size_t i = 0; i < m_targets.size(); ++i) {
             Target& target = *m_targets[i];
-            written += target.binding->link().bytesWritten();
+            if (target.binding) written += target.binding->link().bytesWritten();
             if (pendings[i].done) continue;
-            if (!target.binding->link().isOpen()) {
-                replies[i].error = "connection to " + target.name + " lost: " + target.closedReason;
+            if (!target.open()) {
+                replies[i].error = target.failure();
                 pendings[i].done = true;
                 continue;
             }

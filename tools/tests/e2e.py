@@ -76,6 +76,12 @@ def one_error_line(result, fragment, what):
           "%s: one line naming '%s' (got %r, exit %r)" % (what, fragment, err.strip(), status))
 
 
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
 def answer_bytes(sock):
     """Bytes of the next read from a raw connection: 0 when the peer closed it, -1 on time-out."""
     try:
@@ -163,6 +169,9 @@ def tcp_part(work):
     check(codes == [0] * 6, "six stations served at once")
     status, out, _ = ctl(link + ["--device", address], "state")
     check(status == 0 and len(out) == 2, "one station talks to two links at once")
+    status, out, err = ctl(link + ["--device", "127.0.0.1:%d" % free_port(), "--device", address], "state")
+    check(status == 1 and len(out) == 2 and "connection refused" in err,
+          "a device that cannot be reached fails alone (%s)" % err.strip())
 
     # A kill at any moment keeps what was confirmed.
     device.kill()
@@ -203,10 +212,7 @@ def bad_input_part(work):
                    "unknown mime type", "unknown mime type")
 
     # A port nobody listens on, and a peer that accepts but never answers.
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        free_port = probe.getsockname()[1]
-    one_error_line(ctl(["--device", "127.0.0.1:%d" % free_port], "state"), "connection refused", "refused")
+    one_error_line(ctl(["--device", "127.0.0.1:%d" % free_port()], "state"), "connection refused", "refused")
     with socket.socket() as silent:
         silent.bind(("127.0.0.1", 0))
         silent.listen(4)
