@@ -57,6 +57,9 @@ tJson parseJsonObject(std::string const& text, std::string const& source)
         std::string reason = e.what();
         const std::size_t colon = reason.rfind(": ");
         if (colon != std::string::npos) reason = reason.substr(colon + 2);
+        // The parser quotes the bytes it last read; binary input must not reach the terminal.
+        for (char& c : reason)
+            if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7e) c = '?';
         throw ToolError(source + ":" + std::to_string(line) + ":" + std::to_string(column) +
                         ": malformed JSON: " + reason);
     }

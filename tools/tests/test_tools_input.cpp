@@ -63,6 +63,14 @@ TEST(ToolsInput, MimeTypesAndJsonErrors)
         EXPECT_EQ(std::string(e.what()).rfind("f.json:3:6: malformed JSON", 0), 0u) << e.what();
     }
     EXPECT_THROW(parseJsonObject("[1, 2]", "s"), ToolError);
+    try {
+        parseJsonObject("{\"a\": \xff\x1b\n}", "bin");
+        FAIL();
+    } catch (ToolError const& e) {
+        const std::string text = e.what();
+        EXPECT_EQ(text.find_first_of("\x1b\xff\n"), std::string::npos) << text;
+    }
+
 
     const std::string human = renderHuman("{\"a\":1,\"list\":[{\"uid\":5},{\"uid\":6}],\"s\":\"\"}");
     EXPECT_EQ(human, "  a: 1\n  list:\n    - uid: 5\n    - uid: 6\n  s: \"\"\n");
