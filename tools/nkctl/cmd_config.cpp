@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "file_input.h"
+#include "json_check.h"
 #include "nk_messageSetConfig.h"
 #include "tool_error.h"
 
@@ -11,6 +12,9 @@ void readConfiguration(std::string const& file, nk_messageSetConfigReq& config)
     if (!config.serializeFromJson(&json))
         throw ToolError(file + ": not a configuration (needs \"action\": \"config\", \"type\": \"request\", "
                                "\"tv\": 1)");
+    tJson readBack;
+    config.serializeToJson(&readBack);
+    checkReadAsGiven(json, readBack, file);
 }
 }
 

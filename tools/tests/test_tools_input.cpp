@@ -8,7 +8,9 @@
 #include "file_input.h"
 #include "frame_decoder.h"
 #include "frame_gate.h"
+#include "json_check.h"
 #include "mime_types.h"
+#include "nk_messageSetConfig.h"
 #include "output.h"
 #include "tool_error.h"
 
@@ -71,6 +73,27 @@ TEST(ToolsInput, MimeTypesAndJsonErrors)
         EXPECT_EQ(text.find_first_of("\x1b\xff\n"), std::string::npos) << text;
     }
 
+    // A configuration member that the reader would not take as given is named.
+    auto configCheck = [](char const* members) {
+        tJson given = parseJsonObject(std::string("{\"action\":\"config\",\"type\":\"request\",\"tv\":1") +
+                                          members + "}",
+                                      "c.json");
+        nk_messageSetConfigReq config(nk_message::VERSION_3);
+        EXPECT_TRUE(config.serializeFromJson(&given));
+        tJson readBack;
+        config.serializeToJson(&readBack);
+        try {
+            checkReadAsGiven(given, readBack, "c.json");
+        } catch (ToolError const& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    EXPECT_EQ(configCheck(",\"updateTime\":600,\"frames\":[{\"name\":\"f\",\"width\":800}]"), "");
+    EXPECT_NE(configCheck(",\"updateTime\":\"600\"").find("\"updateTime\": \"600\" is not a valid value"),
+              std::string::npos);
+    EXPECT_NE(configCheck(",\"frames\":[{\"width\":70000}]").find("frames[0].width"), std::string::npos);
+    EXPECT_NE(configCheck(",\"updatTime\":600").find("unknown member \"updatTime\""), std::string::npos);
 
     const std::string human = renderHuman("{\"a\":1,\"list\":[{\"uid\":5},{\"uid\":6}],\"s\":\"\"}");
     EXPECT_EQ(human, "  a: 1\n  list:\n    - uid: 5\n    - uid: 6\n  s: \"\"\n");
