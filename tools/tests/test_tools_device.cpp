@@ -120,6 +120,24 @@ TEST(ToolsDevice, SchedulesPrintedByTheLibraryCanBePushedBack)
     tJson wrong;
     wrong.parse("{\"action\":\"config\",\"type\":\"request\",\"tv\":1}");
     EXPECT_THROW(schedulesFromJson(wrong, "wrong", nk_message::VERSION_2), std::runtime_error);
+
+    // Members the reader would not take as written are named instead of becoming defaults.
+    auto refusal = [](char const* schedule) {
+        tJson json;
+        json.parse(std::string("{\"action\":\"schedules\",\"type\":\"request\",\"tv\":1,\"schedules\":[") +
+                   schedule + "]}");
+        try {
+            schedulesFromJson(json, "s.json", nk_message::VERSION_2);
+        } catch (std::runtime_error const& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    EXPECT_EQ(refusal("{\"uid\":1,\"startTime\":\"2024-03-01 08:30:00\",\"stopTime\":-5,\"frame\":65535}"), "");
+    EXPECT_NE(refusal("{\"startTime\":\"2024-03-01 08:30\"}").find("\"startTime\""), std::string::npos);
+    EXPECT_NE(refusal("{\"uid\":-1,\"name\":5}").find("\"uid\": -1"), std::string::npos);
+    EXPECT_NE(refusal("{\"frame\":65536}").find("\"frame\""), std::string::npos);
+    EXPECT_NE(refusal("{\"entries\":[{\"durration\":5}]}").find("entry 0: \"durration\""), std::string::npos);
 }
 
 TEST(ToolsDevice, DecoderFindsMultiPartTelegramsAmidGarbage)
