@@ -5,6 +5,11 @@
 
 #include "leBytes.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define NK_BASE128_SSE2 1
+#endif
+
 namespace
 {
 // The bit stream is read most significant bit first, so blocks are loaded and stored
@@ -42,6 +47,48 @@ inline uint64_t gather56(uint64_t v)
 }
 
 inline uint64_t encodedSize64(uint64_t n) { return (8 * n + 6) / 7; }
+
+#if NK_BASE128_SSE2
+// Two blocks per step in 16-bit lanes, one lane per output byte (SSE2 is part of every x86-64,
+// so this needs no run-time check; other targets use the 64-bit steps above). An unsigned
+// high multiply by 2^(16-k) is a right shift by k, and it may differ from lane to lane.
+
+// 14 input bytes (16 readable) -> 16 encoded bytes. Lane j holds input byte j-1 above
+// byte j; group j is that pair shifted right by j+1, low 7 bits.
+inline void encodeTwoBlocks(unsigned char* out, unsigned char const* src)
+{
+    const __m128i shifts = _mm_setr_epi16(1 << 15, 1 << 14, 1 << 13, 1 << 12, 1 << 11, 1 << 10, 1 << 9, 1 << 8);
+    const __m128i low7 = _mm_set1_epi16(0x7F);
+    const __m128i z = _mm_loadu_si128(reinterpret_cast<__m128i const*>(src));
+    const __m128i first = _mm_unpacklo_epi8(z, _mm_slli_si128(z, 1));
+    const __m128i second = _mm_unpacklo_epi8(_mm_srli_si128(z, 7), _mm_srli_si128(z, 6));
+    const __m128i g1 = _mm_and_si128(_mm_mulhi_epu16(first, shifts), low7);
+    const __m128i g2 = _mm_and_si128(_mm_mulhi_epu16(second, shifts), low7);
+    const __m128i encoded = _mm_or_si128(_mm_packus_epi16(g1, g2), _mm_set1_epi8(static_cast<char>(0x80)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), encoded);
+}
+
+// 16 encoded bytes -> 14 output bytes, and one byte of junk after them (15 written). With
+// group j in the high byte of lane j, output byte i is group i shifted left by i+1 (low 8
+// bits) joined with group i+1 shifted right by 6-i; lane 7 gives nothing.
+inline void decodeTwoBlocks(unsigned char* out, unsigned char const* src)
+{
+    const __m128i own = _mm_setr_epi16(1 << 9, 1 << 10, 1 << 11, 1 << 12, 1 << 13, 1 << 14, 1 << 15, 0);
+    const __m128i next = _mm_setr_epi16(1 << 2, 1 << 3, 1 << 4, 1 << 5, 1 << 6, 1 << 7, 1 << 8, 0);
+    const __m128i low8 = _mm_set1_epi16(0xFF);
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i groups = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<__m128i const*>(src)), _mm_set1_epi8(0x7F));
+    const __m128i h1 = _mm_unpacklo_epi8(zero, groups);
+    const __m128i h2 = _mm_unpackhi_epi8(zero, groups);
+    const __m128i o1 = _mm_or_si128(_mm_and_si128(_mm_mulhi_epu16(h1, own), low8),
+                                    _mm_mulhi_epu16(_mm_srli_si128(h1, 2), next));
+    const __m128i o2 = _mm_or_si128(_mm_and_si128(_mm_mulhi_epu16(h2, own), low8),
+                                    _mm_mulhi_epu16(_mm_srli_si128(h2, 2), next));
+    const __m128i packed = _mm_packus_epi16(o1, o2);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), packed);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 7), _mm_srli_si128(packed, 8));
+}
+#endif
 }
 
 namespace base128
@@ -63,6 +110,9 @@ unsigned int encode(unsigned char* dst, unsigned char const* src, unsigned int l
     if (length == 0 || !dst || !src || encodedSize64(length) > 0xFFFFFFFFULL) return 0;
     unsigned char* out = dst;
     unsigned int left = length;
+#if NK_BASE128_SSE2
+    for (; left >= 16; left -= 14, src += 14, out += 16) encodeTwoBlocks(out, src);
+#endif
     // Eight-byte loads while at least eight bytes remain; the eighth is the next block's.
     while (left >= 8) {
         storeBE64(out, spread56(loadBE64(src) >> 8));
@@ -84,7 +134,10 @@ unsigned int decode(unsigned char* dst, unsigned char const* src, unsigned int l
     if (length == 0 || !dst || !src) return 0;
     unsigned char* out = dst;
     unsigned int left = length;
-    // Eight-byte stores while another full block follows to overwrite the extra byte.
+    // Stores past a step's output while another full block follows to overwrite the extra byte.
+#if NK_BASE128_SSE2
+    for (; left >= 24; left -= 16, src += 16, out += 14) decodeTwoBlocks(out, src);
+#endif
     while (left >= 16) {
         storeBE64(out, gather56(loadBE64(src)) << 8);
         src += 8;
