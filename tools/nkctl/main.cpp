@@ -13,6 +13,7 @@ int main(int argc, char** argv)
 {
     CLI::App app{"nkctl: station command line for nk protocol display devices"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", NK_TOOLS_VERSION);
     app.fallthrough();
 
     std::vector<std::string> devices;
@@ -26,7 +27,7 @@ int main(int argc, char** argv)
     bool verbose = false;
     auto* deviceOption = app.add_option("--device,-d", devices, "device address HOST:PORT (repeat for several)");
     app.add_option("--serial", serialPath, "serial port (or pseudo-terminal) of the device")->excludes(deviceOption);
-    app.add_option("--baud", baud, "baud rate of the serial port")->capture_default_str();
+    app.add_option("--baud", baud, "baud rate of the serial port")->capture_default_str()->check(CLI::Range(1u, 4000000u));
     app.add_option("--address,-a", address, "the device's protocol address")->capture_default_str();
     app.add_option("--from", from, "the station's own protocol address")->capture_default_str();
     app.add_option("--timeout,-t", timeout, "seconds to wait for an answer")->capture_default_str()
@@ -105,6 +106,13 @@ int main(int argc, char** argv)
     encodeCommand->add_option("--telegram-id", encode.telegramId, "telegram id of a response");
     encodeCommand->callback([&] { command = [&] { return cmdEncode(ctx, encode); }; });
 
+    // Usage errors are one line on standard error, like every other error of the tools.
+    app.failure_message([](CLI::App const* parsed, CLI::Error const& e) {
+        const std::vector<std::string> rest = parsed->remaining();
+        if (e.get_name() == "RequiredError" && !rest.empty() && rest.front().rfind("-", 0) != 0)
+            return "nkctl: unknown command '" + rest.front() + "' (see --help)\n";
+        return std::string("nkctl: ") + e.what() + " (see --help)\n";
+    });
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& e) {

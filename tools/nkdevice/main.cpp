@@ -24,6 +24,7 @@ void announce(char const* event, std::string const& key, std::string const& valu
 int main(int argc, char** argv)
 {
     CLI::App app{"nkdevice: reference display device serving the nk protocol over TCP or a serial port"};
+    app.set_version_flag("--version", NK_TOOLS_VERSION);
     std::string listenAddress = "127.0.0.1:5000";
     std::string serialPath;
     unsigned int baud = 115200;
@@ -36,11 +37,15 @@ int main(int argc, char** argv)
                              ->capture_default_str();
     app.add_option("--serial", serialPath, "serial port (or pseudo-terminal) to serve instead of TCP")
         ->excludes(listenOption);
-    app.add_option("--baud", baud, "baud rate of the serial port")->capture_default_str();
+    app.add_option("--baud", baud, "baud rate of the serial port")->capture_default_str()->check(CLI::Range(1u, 4000000u));
     app.add_option("--address", addressText, "the device's protocol address")->capture_default_str();
     app.add_option("--serial-number", serialNumberText, "serial number reported in the state (default: the address)");
     app.add_option("--data", dataDir, "data directory holding the device's state")->capture_default_str();
     app.add_flag("--verbose,-v", verbose, "log connections and the engine's messages on standard error");
+    // Usage errors are one line on standard error, like every other error of the tools.
+    app.failure_message([](CLI::App const*, CLI::Error const& e) {
+        return std::string("nkdevice: ") + e.what() + " (see --help)\n";
+    });
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& e) {

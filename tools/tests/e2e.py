@@ -210,6 +210,7 @@ def bad_input_part(work):
                    "out of range", "id out of range")
     one_error_line(ctl(link, "image", "push", ARGS.examples + "/image.png", "--id", "1", "--mime", "image/gif"),
                    "unknown mime type", "unknown mime type")
+    one_error_line(ctl(link, "image", "push", ARGS.examples + "/image.png"), "--id is required", "usage error")
 
     # A port nobody listens on, and a peer that accepts but never answers.
     one_error_line(ctl(["--device", "127.0.0.1:%d" % free_port()], "state"), "connection refused", "refused")
