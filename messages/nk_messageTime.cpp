@@ -7,10 +7,9 @@ nk_messageTime::nk_messageTime(teVersion v)
 {
 }
 
-// Preset like the sending constructor: a body cut short leaves the receiver's own clock,
-// so an application that applies the message does not set its clock to the epoch.
-nk_messageTime::nk_messageTime(nk_serializer* ser, teVersion v)
-    : nk_message(TIME, v), currentTime(static_cast<unsigned int>(tTime::now()))
+// A body cut short leaves 0, never the receiver's own clock: what a received message holds
+// depends on its bytes alone. Applications that apply a TIME check that the body was whole.
+nk_messageTime::nk_messageTime(nk_serializer* ser, teVersion v) : nk_message(TIME, v), currentTime(0)
 {
     serialize(ser, nk_serializer::SER_READ);
 }

@@ -175,6 +175,10 @@ void Device::handle(unsigned int source, tBlob* content, std::string const& peer
     std::unique_ptr<nk_message> request;
     if (size >= 4 && isKnownType(type)) request.reset(nk_message::getMessage(content));
     content->clear();
+    // The factory gives an object even for a body cut short (its fields then hold defaults);
+    // a device must not act on that. A complete body writes back to exactly its own size.
+    nk_serializer rewritten;
+    if (request && (!request->serializeMsg(&rewritten) || rewritten.size() != size)) request.reset();
     if (!request) {
         recordEvent(EVENT_ERROR, CATEGORY_ERROR,
                     tString::format("unreadable request of %u bytes (type %u) from %u at %s", size, type, source,

@@ -78,6 +78,14 @@ TEST(ToolsDevice, ConfirmsAndKeepsWhatItWasSent)
         device.handle(100, &garbage, "test");
         EXPECT_TRUE(garbage.isEmpty());
         EXPECT_GE(device.counters().errors, 2u);
+
+        // A body cut short is not acted on: a TIME of 3 bytes does not set the clock to 0.
+        const long long clockBefore = device.clock();
+        tBlob shortTime(reinterpret_cast<unsigned char const*>("\x0B\x00\x01\x00\x01\x02\x03"), 7);
+        device.handle(100, &shortTime, "test");
+        EXPECT_TRUE(shortTime.isEmpty());
+        EXPECT_GE(device.counters().errors, 3u);
+        EXPECT_GE(device.clock(), clockBefore);
     }
     {
         DeviceStore store(dir);
