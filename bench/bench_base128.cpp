@@ -1,33 +1,11 @@
 // base128 encode and decode against memcpy of the same input bytes, in the same run.
-#include <benchmark/benchmark.h>
-
-#include <cstring>
-#include <random>
-#include <vector>
+#include "bench_common.h"
 
 #include "base128.h"
 
 namespace
 {
-std::vector<unsigned char> input(std::size_t n)
-{
-    std::mt19937 rng(1);
-    std::vector<unsigned char> v(n);
-    for (auto& b : v) b = static_cast<unsigned char>(rng());
-    return v;
-}
-
-void BM_Memcpy(benchmark::State& state)
-{
-    auto src = input(static_cast<std::size_t>(state.range(0)));
-    std::vector<unsigned char> dst(src.size());
-    for (auto _ : state) {
-        std::memcpy(dst.data(), src.data(), src.size());
-        benchmark::DoNotOptimize(dst.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
-}
+std::vector<unsigned char> input(std::size_t n) { return randomBytes(n, 1); }
 
 void BM_Base128Encode(benchmark::State& state)
 {
