@@ -1,5 +1,7 @@
 #include "nk_messageDisplayConfiguration.h"
 
+#include "displayIdSearch_internal.h"
+
 using tLogicalDisplay = nk_messageGetDisplayConfigurationRsp::tLogicalDisplay;
 using tDisplayConfiguration = nk_messageGetDisplayConfigurationRsp::tDisplayConfiguration;
 
@@ -41,13 +43,7 @@ tDisplayConfiguration* nk_messageGetDisplayConfigurationRsp::getDisplayConfigura
 
 tDisplayConfiguration* nk_messageGetDisplayConfigurationRsp::getDisplayConfigurationById(unsigned short id)
 {
-    // Compares the 15-bit id with the whole argument: an id with bit 15 set never matches.
-    for (unsigned short i = 0;; ++i) {
-        tDisplayConfiguration* config = getDisplayConfiguration(i);
-        if (config == nullptr) return nullptr;
-        if (config->id() == id) return config;
-        if (i == 0xFFFF) return nullptr;
-    }
+    return firstRecordWithId<tDisplayConfiguration>([this](unsigned short i) { return getDisplayConfiguration(i); }, id);
 }
 
 void nk_messageGetDisplayConfigurationRsp::clear()

@@ -1,5 +1,7 @@
 #include "nk_messageDisplayConfiguration.h"
 
+#include "displayIdSearch_internal.h"
+
 using tLogicalDisplay = nk_messageGetDisplayConfigurationRsp::tLogicalDisplay;
 using tDisplayConfiguration = nk_messageGetDisplayConfigurationRsp::tDisplayConfiguration;
 
@@ -45,11 +47,5 @@ tLogicalDisplay* tDisplayConfiguration::getLogicalDisplay(unsigned short index)
 
 tLogicalDisplay* tDisplayConfiguration::getLogicalDisplayById(unsigned short id)
 {
-    // Compares the 15-bit id with the whole argument: an id with bit 15 set never matches.
-    for (unsigned short i = 0;; ++i) {
-        tLogicalDisplay* display = getLogicalDisplay(i);
-        if (display == nullptr) return nullptr;
-        if (display->id() == id) return display;
-        if (i == 0xFFFF) return nullptr;
-    }
+    return firstRecordWithId<tLogicalDisplay>([this](unsigned short i) { return getLogicalDisplay(i); }, id);
 }
