@@ -18,14 +18,14 @@ unsigned long long parseUnsigned(std::string const& text, char const* what,
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
         if (!text.empty() && text[0] == '-' && text.size() > 1 &&
             text.find_first_not_of("0123456789", 1) == std::string::npos)
-            throw ToolError(std::string(what) + " out of range: " + text + range);
-        throw ToolError(std::string(what) + " is not a number: '" + text + "'");
+            throw ToolError(std::string(what) + " out of range: " + text + range, EXIT_USAGE);
+        throw ToolError(std::string(what) + " is not a number: '" + text + "'", EXIT_USAGE);
     }
     errno = 0;
     char* end = nullptr;
     unsigned long long value = std::strtoull(text.c_str(), &end, 10);
     if (errno == ERANGE || value < min || value > max)
-        throw ToolError(std::string(what) + " out of range: " + text + range);
+        throw ToolError(std::string(what) + " out of range: " + text + range, EXIT_USAGE);
     return value;
 }
 
@@ -36,7 +36,7 @@ Endpoint parseEndpoint(std::string const& text, std::string const& defaultHost)
     if (!text.empty() && text[0] == '[') {
         const std::size_t close = text.find(']');
         if (close == std::string::npos || close + 1 >= text.size() || text[close + 1] != ':')
-            throw ToolError("malformed address '" + text + "', expected [HOST]:PORT");
+            throw ToolError("malformed address '" + text + "', expected [HOST]:PORT", EXIT_USAGE);
         ep.host = text.substr(1, close - 1);
         port = text.substr(close + 2);
     } else {

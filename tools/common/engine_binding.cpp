@@ -1,5 +1,7 @@
 #include "engine_binding.h"
 
+#include "output.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <string>
@@ -34,7 +36,11 @@ void EngineBinding::start(Link::CloseHandler onClose)
 
 void EngineBinding::poll()
 {
+    // A round sends before it reads, so answers that the receive callback queues in this
+    // round would wait for the next one; the queue holds only requests awaiting their
+    // answers otherwise, whose second round costs a look at their time-outs.
     m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
+    if (m_engine.queuedTelegrams_TS() > 0) m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
 }
 
 unsigned int EngineBinding::sendToLink(nk_server*, void* ctx, unsigned char* data, unsigned int length,
@@ -42,6 +48,7 @@ unsigned int EngineBinding::sendToLink(nk_server*, void* ctx, unsigned char* dat
 {
     auto* self = static_cast<EngineBinding*>(ctx);
     if (self->m_link->queue(data, length)) return length;
+    if (self->m_link->isOpen()) self->m_refusedBytes += length;
     // A closed link or a peer that stopped reading: a hard error, so the telegram is dropped
     // at once instead of being retried.
     if (error) *error = EPIPE;
@@ -50,5 +57,5 @@ unsigned int EngineBinding::sendToLink(nk_server*, void* ctx, unsigned char* dat
 
 void EngineBinding::logToStderr(void* prefix, char const* text)
 {
-    std::fprintf(stderr, "%s: %s\n", prefix ? static_cast<char const*>(prefix) : "engine", text);
+    logLine("debug", prefix ? static_cast<char const*>(prefix) : "engine", text);
 }

@@ -1,6 +1,7 @@
 #ifndef NK_TOOLS_ENGINE_BINDING_H
 #define NK_TOOLS_ENGINE_BINDING_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -9,9 +10,11 @@
 #include "nk_protocol.h"
 
 // Joins one protocol engine to one link on the polling thread. The frame bytes that arrive
-// (see FrameGate) are pushed into the engine, which is polled at once; the engine's send function hands its bytes to the
-// link's output queue and so always reports them all as written: a poll never waits on the
-// link and the engine's EAGAIN retries are never reached.
+// (see FrameGate) are pushed into the engine, which is polled at once, and once more when
+// that poll queued answers, so an answer leaves as soon as its request has arrived instead
+// of on the next timer tick. The engine's send function hands its bytes to the link's output
+// queue and so always reports them all as written: a poll never waits on the link and the
+// engine's EAGAIN retries are never reached.
 class EngineBinding
 {
 public:
@@ -23,7 +26,13 @@ public:
 
     // Starts reading; onClose runs once when the link ends (with the reason).
     void start(Link::CloseHandler onClose);
+    // One engine round, and a second one when the first left telegrams unsent (answers
+    // queued while it handled requests).
     void poll();
+
+    // Bytes of telegrams the link's output queue refused while the link was open: the local
+    // limit on unsent bytes (Link::kMaxQueuedBytes), not a fault of the peer. 0 when none.
+    std::uint64_t refusedBytes() const { return m_refusedBytes; }
 
     Link& link() { return *m_link; }
     nk_protocol& engine() { return m_engine; }
@@ -38,6 +47,7 @@ private:
     std::shared_ptr<Link> m_link;
     nk_protocol& m_engine;
     FrameGate m_gate;
+    std::uint64_t m_refusedBytes = 0;
 };
 
 #endif

@@ -18,6 +18,7 @@ void Link::readMore()
             fail(ec == asio::error::eof ? "closed by peer" : ec.message());
             return;
         }
+        m_bytesRead += n;
         if (m_onReceive && n > 0) m_onReceive(m_readBuffer.data(), n);
         readMore();
     });

@@ -38,6 +38,7 @@ public:
     bool isOpen() const { return m_open; }
     std::size_t unsentBytes() const { return m_pending.size() - m_pendingOffset + m_writing.size(); }
     std::uint64_t bytesWritten() const { return m_bytesWritten; }
+    std::uint64_t bytesRead() const { return m_bytesRead; }
     std::string const& name() const { return m_name; }
 
 protected:
@@ -63,6 +64,7 @@ private:
     std::size_t m_pendingOffset = 0;
     std::vector<unsigned char> m_writing;
     std::uint64_t m_bytesWritten = 0;
+    std::uint64_t m_bytesRead = 0;
 };
 
 // A link over any asio stream with async_read_some / async_write_some (sockets, serial ports).

@@ -18,7 +18,7 @@ std::shared_ptr<Link> connectTcp(asio::io_context& io, Endpoint const& ep,
     asio::ip::tcp::resolver resolver(io);
     std::error_code ec;
     auto addresses = resolver.resolve(ep.host, std::to_string(ep.port), ec);
-    if (ec) throw ToolError("cannot resolve " + ep.text() + ": " + ec.message());
+    if (ec) throw ToolError("cannot resolve " + ep.text() + ": " + ec.message(), EXIT_CONNECT);
 
     asio::ip::tcp::socket socket(io);
     asio::steady_timer timer(io, timeout);
@@ -42,8 +42,8 @@ std::shared_ptr<Link> connectTcp(asio::io_context& io, Endpoint const& ep,
     // Let the cancelled timer's handler run so nothing refers to this frame afterwards.
     while (io.poll_one() > 0) {
     }
-    if (timedOut) throw ToolError("time-out connecting to " + ep.text());
-    if (result) throw ToolError(describe(result) + " by " + ep.text());
+    if (timedOut) throw ToolError("time-out connecting to " + ep.text(), EXIT_CONNECT);
+    if (result) throw ToolError(describe(result) + " by " + ep.text(), EXIT_CONNECT);
     socket.set_option(asio::ip::tcp::no_delay(true), ec);
     return std::make_shared<TcpLink>(std::move(socket), ep.text());
 }
@@ -56,7 +56,7 @@ TcpListener::TcpListener(asio::io_context& io, Endpoint const& ep, AcceptHandler
     if (ec) {
         asio::ip::tcp::resolver resolver(io);
         auto found = resolver.resolve(ep.host, std::to_string(ep.port), ec);
-        if (ec || found.empty()) throw ToolError("cannot listen on " + ep.text() + ": unknown host");
+        if (ec || found.empty()) throw ToolError("cannot listen on " + ep.text() + ": unknown host", EXIT_CONNECT);
         address = found.begin()->endpoint().address();
     }
     const asio::ip::tcp::endpoint local(address, ep.port);
@@ -68,7 +68,7 @@ TcpListener::TcpListener(asio::io_context& io, Endpoint const& ep, AcceptHandler
         acceptNext();
         return;
     }
-    throw ToolError("cannot listen on " + ep.text() + ": " + ec.message());
+    throw ToolError("cannot listen on " + ep.text() + ": " + ec.message(), EXIT_CONNECT);
 }
 
 Endpoint TcpListener::localEndpoint() const

@@ -35,14 +35,14 @@ int cmdConfigPush(CtlContext& ctx, std::string const& file)
     readConfiguration(file, config);
     const tString expected = config.checksum(nk_message::VERSION_3);
     return requestEach(ctx, config, nk_message::SET_CONFIG_RSP,
-                       [&expected](nk_message& answer, tJson& out, std::string& headline, std::string& error) {
+                       [&expected](nk_message& answer, tJson& out, Verdict& verdict) {
                            const tString held = static_cast<nk_messageSetConfigRsp&>(answer).getChecksum();
                            out.addString("expected", expected);
                            out.addBool("verified", held == expected);
                            if (held == expected)
-                               headline = "configuration pushed, checksum " + expected.str() + " confirmed";
+                               verdict.headline = "configuration pushed, checksum " + expected.str() + " confirmed";
                            else
-                               error = "configuration checksum mismatch: device holds " + held.str() + ", sent " +
+                               verdict.code = EXIT_MISMATCH, verdict.error = "configuration checksum mismatch: device holds " + held.str() + ", sent " +
                                        expected.str();
                        });
 }

@@ -6,10 +6,10 @@ int cmdTime(CtlContext& ctx)
     nk_messageTime request(nk_message::VERSION_0);
     const unsigned int sent = request.currentTime;
     return requestEach(ctx, request, nk_message::TIME,
-                       [sent](nk_message& answer, tJson& out, std::string& headline, std::string&) {
+                       [sent](nk_message& answer, tJson& out, Verdict& verdict) {
                            const unsigned int deviceTime = static_cast<nk_messageTime&>(answer).currentTime;
                            out.addUInt("sent", sent);
-                           headline = "device clock set to " + std::to_string(deviceTime);
+                           verdict.headline = "device clock set to " + std::to_string(deviceTime);
                        });
 }
 
@@ -17,7 +17,7 @@ int cmdShutdown(CtlContext& ctx)
 {
     nk_messageShutdown request(nk_message::VERSION_0);
     return requestEach(ctx, request, nk_message::SHUTDOWN,
-                       [](nk_message&, tJson&, std::string& headline, std::string&) {
-                           headline = "device is shutting down";
+                       [](nk_message&, tJson&, Verdict& verdict) {
+                           verdict.headline = "device is shutting down";
                        });
 }

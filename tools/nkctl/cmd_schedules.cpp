@@ -24,15 +24,15 @@ int cmdSchedulesPush(CtlContext& ctx, std::string const& file)
     const tString expected = set->checksum(kVersion);
     const unsigned int count = set->count();
     return requestEach(ctx, *set, nk_message::SET_SCHEDULES_RSP,
-                       [&](nk_message& answer, tJson& out, std::string& headline, std::string& error) {
+                       [&](nk_message& answer, tJson& out, Verdict& verdict) {
                            const tString held = static_cast<nk_messageSetSchedulesRsp&>(answer).getChecksum();
                            out.addString("expected", expected);
                            out.addBool("verified", held == expected);
                            if (held == expected)
-                               headline = std::to_string(count) + " schedule(s) pushed, checksum " + expected.str() +
+                               verdict.headline = std::to_string(count) + " schedule(s) pushed, checksum " + expected.str() +
                                           " confirmed";
                            else
-                               error = "schedules checksum mismatch: device holds " + held.str() + ", sent " +
+                               verdict.code = EXIT_MISMATCH, verdict.error = "schedules checksum mismatch: device holds " + held.str() + ", sent " +
                                        expected.str();
                        });
 }

@@ -1,5 +1,6 @@
 // nkctl: the station's command line. Talks to one or more devices over TCP or a serial port,
 // or works offline on captured frames and message JSON.
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -17,27 +18,38 @@ int main(int argc, char** argv)
     app.fallthrough();
 
     std::vector<std::string> devices;
+    std::string devicesFile;
     std::string serialPath;
     unsigned int baud = 115200;
-    std::string address = "1";
+    std::vector<std::string> addresses;
     std::string from = "100";
     unsigned int timeout = 10;
     bool json = false;
     bool human = false;
     bool verbose = false;
-    auto* deviceOption = app.add_option("--device,-d", devices, "device address HOST:PORT (repeat for several)");
-    app.add_option("--serial", serialPath, "serial port (or pseudo-terminal) of the device")->excludes(deviceOption);
+    app.footer(std::string("Devices: --device, else the lines of --devices-file, else $NKCTL_DEVICES (separated by "
+                           "commas or spaces), else 127.0.0.1:5000. Times are seconds since 1970 or "
+                           "YYYY-MM-DD hh:mm:ss in UTC, also YYYY-MM-DDThh:mm:ssZ or with an offset (+02:00).\n") +
+               exitCodeHelp());
+    auto* deviceOption = app.add_option("--device,-d", devices,
+                                        "device [ADDR@]HOST:PORT (repeat for several; ADDR: its protocol address)");
+    auto* fileOption = app.add_option("--devices-file", devicesFile, "file naming one device per line")
+                           ->excludes(deviceOption);
+    app.add_option("--serial", serialPath, "serial port (or pseudo-terminal) of the device")
+        ->excludes(deviceOption)
+        ->excludes(fileOption);
     app.add_option("--baud", baud, "baud rate of the serial port")->capture_default_str()->check(CLI::Range(1u, 4000000u));
-    app.add_option("--address,-a", address, "the device's protocol address")->capture_default_str();
+    app.add_option("--address,-a", addresses,
+                   "the device's protocol address (default 1); on a serial bus repeat for several devices");
     app.add_option("--from", from, "the station's own protocol address")->capture_default_str();
     app.add_option("--timeout,-t", timeout, "seconds to wait for an answer")->capture_default_str()
         ->check(CLI::Range(1u, 86400u));
     auto* jsonFlag = app.add_flag("--json", json, "one JSON object per line, also on a terminal");
     app.add_flag("--human", human, "the readable form, also when not on a terminal")->excludes(jsonFlag);
-    app.add_flag("--verbose,-v", verbose, "log the engine's messages on standard error");
+    app.add_flag("--verbose,-v", verbose, "log the engine's messages with time stamps on standard error");
 
-    std::string text, file, id, mime, sort;
-    unsigned int task = 0;
+    std::string text, file, id, mime;
+    EventsOptions eventsOptions;
     EncodeOptions encode;
     int status = 0;
     CtlContext ctx;
@@ -77,10 +89,13 @@ int main(int argc, char** argv)
     imageRemove->callback([&] { command = [&] { return cmdImageRemove(ctx, id); }; });
 
     auto* events = app.add_subcommand("events", "show the device's event log");
-    events->add_option("--sort", sort,
+    events->add_option("--sort", eventsOptions.sort,
                        "time-first-desc, time-first-asc, time-last-desc, time-last-asc, id-desc or id-asc");
-    events->add_option("--task", task, "task number echoed by the device")->check(CLI::Range(0u, 255u));
-    events->callback([&] { command = [&] { return cmdEvents(ctx, sort, task); }; });
+    events->add_option("--task", eventsOptions.task, "task number echoed by the device")->check(CLI::Range(0u, 255u));
+    events->add_option("--limit", eventsOptions.limit, "at most N events (after sorting)")
+        ->check(CLI::Range(0LL, 1000000000LL));
+    events->add_option("--since", eventsOptions.since, "only events last seen at or after TIME");
+    events->callback([&] { command = [&] { return cmdEvents(ctx, eventsOptions); }; });
 
     app.add_subcommand("statistics", "show the device's statistics")->callback([&] {
         command = [&] { return cmdStatistics(ctx); };
@@ -116,25 +131,38 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& e) {
-        return app.exit(e);
+        return app.exit(e) == 0 ? EXIT_OK : EXIT_USAGE;
     }
 
     try {
         ctx.output = Output(json ? Output::JSON : human ? Output::HUMAN : Output::AUTO);
+        char const* fromEnvironment = std::getenv("NKCTL_DEVICES");
+        if (devices.empty() && !devicesFile.empty()) devices = devicesFromFile(devicesFile);
+        if (devices.empty() && fromEnvironment) devices = devicesFromText(fromEnvironment);
         ctx.station.devices = devices.empty() ? std::vector<std::string>{"127.0.0.1:5000"} : devices;
         ctx.station.serialPath = serialPath;
         ctx.station.baud = baud;
-        ctx.station.deviceAddress = static_cast<unsigned int>(parseUnsigned(address, "device address", 0, 0xFFFFFFFEu));
+        std::vector<unsigned int> deviceAddresses;
+        for (std::string const& address : addresses)
+            deviceAddresses.push_back(static_cast<unsigned int>(parseUnsigned(address, "device address", 0, 0xFFFFFFFEu)));
+        if (!deviceAddresses.empty()) ctx.station.deviceAddress = deviceAddresses.front();
+        if (deviceAddresses.size() > 1) {
+            if (serialPath.empty())
+                throw ToolError("several --address values need --serial; give each TCP device as ADDR@HOST:PORT",
+                                EXIT_USAGE);
+            ctx.station.serialAddresses = deviceAddresses;
+        }
         ctx.station.ownAddress = static_cast<unsigned int>(parseUnsigned(from, "station address", 0, 0xFFFFFFFDu));
         ctx.station.timeout_s = timeout;
         ctx.station.verbose = verbose;
-        status = command ? command() : 1;
+        randomizeTelegramIds();
+        status = command ? command() : EXIT_USAGE;
     } catch (ToolError const& e) {
         reportError("nkctl", e.what());
-        status = 1;
+        status = e.code;
     } catch (std::exception const& e) {
         reportError("nkctl", e.what());
-        status = 1;
+        status = EXIT_FAILURE_OTHER;
     }
     return status;
 }

@@ -1,4 +1,7 @@
+#include <algorithm>
+
 #include "commands.h"
+#include "schedules_json.h"
 #include "tool_error.h"
 
 tJson messageJson(nk_message& message)
@@ -20,7 +23,22 @@ tJson messageJson(nk_message& message)
         return json;
     }
     message.serializeToJson(&json);
+    if (message.type() == nk_message::SET_SCHEDULES_REQ)
+        printableSchedules(static_cast<nk_messageSetSchedulesReq&>(message), json);
     return json;
+}
+
+int reportDeviceFailure(CtlContext& ctx, std::string const& device, std::string const& error, ExitCode code)
+{
+    if (!ctx.output.human()) {
+        tJson object;
+        object.addString("device", tString(device));
+        object.addString("error", tString(error));
+        object.addInt("exitCode", code);
+        ctx.output.emit(object);
+    }
+    reportError("nkctl", device + ": " + error);
+    return code;
 }
 
 int requestEach(CtlContext& ctx, nk_message& request, nk_message::teType expected, DescribeReply describe,
@@ -30,30 +48,41 @@ int requestEach(CtlContext& ctx, nk_message& request, nk_message::teType expecte
     station.connect();
     std::vector<Station::Reply> replies = station.request(request, progressLabel);
     const bool several = replies.size() > 1;
-    int failures = 0;
+    int status = EXIT_OK;
     for (Station::Reply& reply : replies) {
-        const std::string prefix = several ? reply.target + ": " : std::string();
         if (!reply.error.empty()) {
-            reportError("nkctl", reply.error);
-            ++failures;
+            status = std::max(status, reportDeviceFailure(ctx, reply.target, reply.error, reply.code));
             continue;
         }
         if (reply.message->type() != expected) {
-            reportError("nkctl", prefix + "unexpected answer " + reply.message->typeName().c_str() + ", expected " +
-                                     nk_message::typeName(expected).c_str());
-            ++failures;
+            status = std::max(status, reportDeviceFailure(ctx, reply.target,
+                                                          std::string("unexpected answer ") +
+                                                              reply.message->typeName().c_str() + ", expected " +
+                                                              nk_message::typeName(expected).c_str(),
+                                                          EXIT_FAILURE_OTHER));
             continue;
         }
         tJson out = messageJson(*reply.message);
-        std::string headline;
-        std::string error;
-        describe(*reply.message, out, headline, error);
-        if (several) out.addString("device", tString(reply.target));
-        ctx.output.emit(out, headline.empty() ? headline : prefix + headline);
-        if (!error.empty()) {
-            reportError("nkctl", prefix + error);
-            ++failures;
+        Verdict verdict;
+        describe(*reply.message, out, verdict);
+        out.addString("device", tString(reply.target));
+        if (!verdict.error.empty()) {
+            out.addString("error", tString(verdict.error));
+            out.addInt("exitCode", verdict.code);
+        }
+        const std::string prefix = several ? reply.target + ": " : std::string();
+        if (verdict.splitLines && !ctx.output.human()) {
+            for (tJson& line : verdict.lines) {
+                line.addString("device", tString(reply.target));
+                ctx.output.emit(line);
+            }
+        } else {
+            ctx.output.emit(out, verdict.headline.empty() ? verdict.headline : prefix + verdict.headline);
+        }
+        if (!verdict.error.empty()) {
+            reportError("nkctl", reply.target + ": " + verdict.error);
+            status = std::max(status, static_cast<int>(verdict.code));
         }
     }
-    return failures == 0 ? 0 : 1;
+    return status;
 }

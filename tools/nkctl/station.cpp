@@ -1,35 +1,99 @@
 #include "station.h"
 
+#include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <random>
+#include <sstream>
 
 #include "output.h"
 #include "serial.h"
 #include "tcp.h"
-#include "tool_error.h"
 
-struct Station::Target
+namespace
+{
+using Clock = std::chrono::steady_clock;
+
+// The engine's own time-out counts from the creation of the request; the station counts
+// from the last progress instead, so the engine's is only a backstop.
+const unsigned int kEngineTimeout_s = 86400;
+const unsigned int kBroadcast = 0xFFFFFFFEu;
+}
+
+struct Station::Connection
 {
     std::string name;
     std::unique_ptr<nk_protocol> engine;
     std::unique_ptr<EngineBinding> binding;  // null when the link could not be opened
     std::string closedReason;
+    ExitCode failureCode = EXIT_FAILURE_OTHER;
+    std::uint64_t lastTraffic = 0;
+    Clock::time_point lastProgress = Clock::now();
 
     bool open() const { return binding && binding->link().isOpen(); }
-    std::string failure() const
+    std::string failure() const { return binding ? "connection to " + name + " lost: " + closedReason : closedReason; }
+    std::uint64_t traffic() const
     {
-        return binding ? "connection to " + name + " lost: " + closedReason : closedReason;
+        return binding ? binding->link().bytesWritten() + binding->link().bytesRead() : 0;
     }
 };
 
 struct Station::Pending
 {
     Target* target = nullptr;
-    std::size_t index = 0;
+    Reply* reply = nullptr;
     bool done = false;
-    unsigned int timeout_s = 0;
-    unsigned int address = 0;
-    std::vector<Reply>* replies = nullptr;
+    bool givenUp = false;  // ended by the station while the engine may still hold the request
 };
+
+std::string DeviceSpec::name() const
+{
+    return addressGiven ? std::to_string(address) + "@" + link : link;
+}
+
+DeviceSpec parseDeviceSpec(std::string const& text, unsigned int defaultAddress)
+{
+    DeviceSpec spec{text, defaultAddress, false};
+    const std::size_t at = text.find('@');
+    if (at != std::string::npos) {
+        spec.address = static_cast<unsigned int>(
+            parseUnsigned(text.substr(0, at), ("device address of '" + text + "'").c_str(), 0, 0xFFFFFFFEu));
+        spec.addressGiven = true;
+        spec.link = text.substr(at + 1);
+    }
+    spec.link = parseEndpoint(spec.link, "127.0.0.1").text();
+    return spec;
+}
+
+std::vector<std::string> devicesFromText(std::string const& text)
+{
+    std::string spaced = text;
+    std::replace(spaced.begin(), spaced.end(), ',', ' ');
+    std::istringstream words(spaced);
+    std::vector<std::string> devices;
+    for (std::string word; words >> word;) devices.push_back(word);
+    return devices;
+}
+
+std::vector<std::string> devicesFromFile(std::string const& path)
+{
+    std::ifstream file(path);
+    if (!file) throw ToolError("cannot read device list " + path, EXIT_INPUT);
+    std::vector<std::string> devices;
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t first = line.find_first_not_of(" \t\r");
+        if (first == std::string::npos || line[first] == '#') continue;
+        for (std::string const& device : devicesFromText(line)) devices.push_back(device);
+    }
+    if (devices.empty()) throw ToolError("device list " + path + " names no device", EXIT_INPUT);
+    return devices;
+}
+
+void randomizeTelegramIds()
+{
+    std::random_device entropy;
+    nk_protocol::u32TlgNumber = entropy();
+}
 
 std::unique_ptr<nk_message> decodeMessage(tBlob* content, std::string& error)
 {
@@ -52,148 +116,181 @@ Station::Station(StationOptions options) : m_options(std::move(options)) {}
 Station::~Station()
 {
     m_timer.reset();
-    m_targets.clear();
+    m_connections.clear();
 }
 
 void Station::connect()
 {
-    std::vector<std::shared_ptr<Link>> links;
-    std::vector<std::string> failures;
+    std::vector<DeviceSpec> specs;
     if (!m_options.serialPath.empty()) {
-        links.push_back(openSerial(m_io, m_options.serialPath, m_options.baud));
-        failures.emplace_back();
+        std::vector<unsigned int> addresses = m_options.serialAddresses;
+        if (addresses.empty()) addresses.push_back(m_options.deviceAddress);
+        for (unsigned int address : addresses) specs.push_back(DeviceSpec{m_options.serialPath, address, !m_options.serialAddresses.empty()});
     } else {
-        // Addresses are checked before anything is sent; a device that cannot be reached
-        // fails alone when there are several, so the others are still served.
-        std::vector<Endpoint> endpoints;
-        for (std::string const& device : m_options.devices) endpoints.push_back(parseEndpoint(device, "127.0.0.1"));
-        for (Endpoint const& endpoint : endpoints) {
+        // Addresses are checked before anything is sent.
+        for (std::string const& device : m_options.devices) specs.push_back(parseDeviceSpec(device, m_options.deviceAddress));
+    }
+
+    // One link per HOST:PORT (or serial port); a device that cannot be reached fails alone
+    // when there are several, so the others are still served.
+    for (DeviceSpec const& spec : specs) {
+        Connection* connection = nullptr;
+        for (auto const& existing : m_connections)
+            if (existing->name == spec.link) connection = existing.get();
+        if (!connection) {
+            std::unique_ptr<Connection> fresh(new Connection);
+            fresh->name = spec.link;
+            std::shared_ptr<Link> link;
             try {
-                links.push_back(connectTcp(m_io, endpoint, std::chrono::seconds(m_options.timeout_s)));
-                failures.emplace_back();
+                link = m_options.serialPath.empty()
+                           ? connectTcp(m_io, parseEndpoint(spec.link, "127.0.0.1"), std::chrono::seconds(m_options.timeout_s))
+                           : openSerial(m_io, m_options.serialPath, m_options.baud);
             } catch (ToolError const& e) {
-                if (endpoints.size() == 1) throw;
-                links.push_back(nullptr);
-                failures.emplace_back(e.what());
+                fresh->closedReason = e.what();
+                fresh->failureCode = e.code;
             }
+            // Connecting ran the io_context until it had no work left, which stops it.
+            m_io.restart();
+            if (link) {
+                fresh->engine.reset(new nk_protocol(m_options.ownAddress, nullptr, nullptr, kEngineTimeout_s, nullptr,
+                                                    const_cast<char*>("nkctl engine"),
+                                                    m_options.verbose ? &EngineBinding::logToStderr : nullptr));
+                fresh->binding.reset(new EngineBinding(link, *fresh->engine));
+                Connection* raw = fresh.get();
+                fresh->binding->start([raw](std::string const& reason) { raw->closedReason = reason; });
+            }
+            connection = fresh.get();
+            m_connections.push_back(std::move(fresh));
         }
+        m_targets.push_back(Target{spec, connection});
     }
-    // Connecting ran the io_context until it had no work left, which stops it.
-    m_io.restart();
-    for (std::size_t i = 0; i < links.size(); ++i) {
-        std::shared_ptr<Link>& link = links[i];
-        std::unique_ptr<Target> target(new Target);
-        if (!link) {
-            target->name = m_options.devices[i];
-            target->closedReason = failures[i];
-            m_targets.push_back(std::move(target));
-            continue;
-        }
-        target->name = link->name();
-        target->engine.reset(new nk_protocol(m_options.ownAddress, nullptr, nullptr, m_options.timeout_s, nullptr,
-                                             const_cast<char*>("nkctl engine"),
-                                             m_options.verbose ? &EngineBinding::logToStderr : nullptr));
-        target->binding.reset(new EngineBinding(link, *target->engine));
-        Target* raw = target.get();
-        target->binding->start([raw](std::string const& reason) { raw->closedReason = reason; });
-        m_targets.push_back(std::move(target));
-    }
-    m_timer.reset(new PollTimer(m_io, std::chrono::milliseconds(20), [this] {
-        for (auto const& target : m_targets)
-            if (target->binding) target->binding->poll();
+    // Only for time-outs: answers are handled as their bytes arrive.
+    m_timer.reset(new PollTimer(m_io, std::chrono::milliseconds(250), [this] {
+        for (auto const& connection : m_connections)
+            if (connection->binding) connection->binding->poll();
     }));
 }
 
-unsigned int Station::timeoutFor(unsigned int bytes) const
-{
-    // Time-outs count from the creation of the request, so a slow serial link gets the time
-    // its bytes need on the wire (ten bits per byte, base-128 adds an eighth) on top.
-    if (m_options.serialPath.empty() || m_options.baud == 0) return m_options.timeout_s;
-    const unsigned long long wire = static_cast<unsigned long long>(bytes) * 10 * 8 / 7 / m_options.baud;
-    return m_options.timeout_s + static_cast<unsigned int>(std::min<unsigned long long>(wire + 1, 86400));
-}
-
-void Station::onResponse(unsigned int, tBlob* content, void*, bool timedOut, void* userData)
+void Station::onResponse(unsigned int address, tBlob* content, void*, bool timedOut, void* userData)
 {
     auto* pending = static_cast<Pending*>(userData);
-    Reply& reply = (*pending->replies)[pending->index];
+    Reply& reply = *pending->reply;
     pending->done = true;
     if (timedOut) {
-        reply.error = "time-out: device " + std::to_string(pending->address) + " at " + pending->target->name +
-                      " did not answer within " + std::to_string(pending->timeout_s) + " s";
+        reply.error = "time-out: device " + pending->target->spec.name() + " did not answer";
+        reply.code = EXIT_TIMEOUT;
+        return;
+    }
+    // Answers are matched by telegram id alone; one from another address is not this
+    // device's, whatever it holds.
+    if (pending->target->spec.address != kBroadcast && address != pending->target->spec.address) {
+        reply.error = "answer for " + pending->target->spec.name() + " came from address " + std::to_string(address);
+        reply.code = EXIT_FAILURE_OTHER;
         return;
     }
     reply.message = decodeMessage(content, reply.error);
+    if (!reply.message) reply.code = EXIT_FAILURE_OTHER;
+}
+
+void Station::abandon()
+{
+    // Requests still queued must not call back into a finished request's frame.
+    m_timer.reset();
+    m_connections.clear();
+    for (Target& target : m_targets) target.connection = nullptr;
 }
 
 std::vector<Station::Reply> Station::request(nk_message& msg, std::string const& progressLabel)
 {
     nk_serializer bytes;
-    if (!msg.serializeMsg(&bytes)) throw ToolError("the " + std::string(msg.typeName().c_str()) + " message could not be written");
+    if (!msg.serializeMsg(&bytes))
+        throw ToolError("the " + std::string(msg.typeName().c_str()) + " message could not be written", EXIT_FAILURE_OTHER);
+    showPreparing(progressLabel, bytes.size());
 
     std::vector<Reply> replies(m_targets.size());
     std::vector<Pending> pendings(m_targets.size());
     std::uint64_t startWritten = 0;
+    for (auto const& connection : m_connections)
+        if (connection->binding) startWritten += connection->binding->link().bytesWritten();
+    std::vector<std::uint64_t> refusedBefore;
+    for (auto const& connection : m_connections)
+        refusedBefore.push_back(connection->binding ? connection->binding->refusedBytes() : 0);
+
     for (std::size_t i = 0; i < m_targets.size(); ++i) {
-        Target& target = *m_targets[i];
-        replies[i].target = target.name;
-        Pending& pending = pendings[i];
-        pending.target = &target;
-        pending.index = i;
-        pending.replies = &replies;
-        pending.address = m_options.deviceAddress;
-        pending.timeout_s = timeoutFor(bytes.size());
-        if (!target.open()) {
-            replies[i].error = target.failure();
-            pending.done = true;
+        Target& target = m_targets[i];
+        replies[i].target = target.spec.name();
+        pendings[i].target = &target;
+        pendings[i].reply = &replies[i];
+        Connection* connection = target.connection;
+        if (!connection || !connection->open()) {
+            replies[i].error = connection ? connection->failure() : "not connected";
+            replies[i].code = connection && !connection->binding ? connection->failureCode : EXIT_FAILURE_OTHER;
+            pendings[i].done = true;
             continue;
         }
-        startWritten += target.binding->link().bytesWritten();
         tBlob content(bytes);
-        target.engine->enqueue_TS(&content, m_options.deviceAddress, &Station::onResponse, pending.timeout_s,
-                                  &pending);
-        target.binding->poll();
+        connection->engine->enqueue_TS(&content, target.spec.address, &Station::onResponse, kEngineTimeout_s,
+                                       &pendings[i]);
     }
-
     std::uint64_t total = 0;
-    for (auto const& target : m_targets)
-        if (target->binding) total += target->binding->link().unsentBytes();
+    for (std::size_t c = 0; c < m_connections.size(); ++c) {
+        Connection& connection = *m_connections[c];
+        if (!connection.binding) continue;
+        connection.binding->poll();
+        connection.lastTraffic = connection.traffic();
+        connection.lastProgress = Clock::now();
+        total += connection.binding->link().unsentBytes();
+    }
     Progress progress(progressLabel, progressLabel.empty() || total < (256u << 10) ? 0 : total);
-    // A safety net beyond the engines' own time-outs, which count in whole seconds.
-    unsigned int longest = 0;
-    for (Pending const& pending : pendings) longest = std::max(longest, pending.timeout_s);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(longest + 3);
+    const auto quiet = std::chrono::seconds(m_options.timeout_s);
 
     for (;;) {
+        const auto now = Clock::now();
         bool allDone = true;
         std::uint64_t written = 0;
+        for (std::size_t c = 0; c < m_connections.size(); ++c) {
+            Connection& connection = *m_connections[c];
+            if (!connection.binding) continue;
+            written += connection.binding->link().bytesWritten();
+            if (connection.traffic() != connection.lastTraffic) {
+                connection.lastTraffic = connection.traffic();
+                connection.lastProgress = now;
+            }
+        }
         for (std::size_t i = 0; i < m_targets.size(); ++i) {
-            Target& target = *m_targets[i];
-            if (target.binding) written += target.binding->link().bytesWritten();
             if (pendings[i].done) continue;
-            if (!target.open()) {
-                replies[i].error = target.failure();
-                pendings[i].done = true;
+            Connection& connection = *m_targets[i].connection;
+            const std::size_t c = static_cast<std::size_t>(
+                std::find_if(m_connections.begin(), m_connections.end(),
+                             [&connection](std::unique_ptr<Connection> const& x) { return x.get() == &connection; }) -
+                m_connections.begin());
+            if (connection.binding->refusedBytes() > refusedBefore[c]) {
+                replies[i].error = "the request (" + std::to_string(bytes.size()) +
+                                   " bytes) exceeds the local send queue of " +
+                                   std::to_string(Link::kMaxQueuedBytes >> 20) + " MiB; nothing more was sent to " +
+                                   m_targets[i].spec.name();
+                replies[i].code = EXIT_LOCAL_LIMIT;
+            } else if (!connection.open()) {
+                replies[i].error = connection.failure();
+                replies[i].code = EXIT_FAILURE_OTHER;
+            } else if (now - connection.lastProgress > quiet) {
+                replies[i].error = "time-out: device " + std::to_string(m_targets[i].spec.address) + " at " +
+                                   m_targets[i].spec.link + " did not answer within " +
+                                   std::to_string(m_options.timeout_s) + " s of the last byte moved";
+                replies[i].code = EXIT_TIMEOUT;
+            } else {
+                allDone = false;
                 continue;
             }
-            allDone = false;
+            pendings[i].done = true;
+            pendings[i].givenUp = true;
         }
         progress.update(written - startWritten);
         if (allDone) break;
-        if (std::chrono::steady_clock::now() > deadline) {
-            for (std::size_t i = 0; i < m_targets.size(); ++i)
-                if (!pendings[i].done)
-                    replies[i].error = "time-out: device " + std::to_string(m_options.deviceAddress) + " at " +
-                                       m_targets[i]->name + " did not answer";
-            break;
-        }
         m_io.run_one_for(std::chrono::milliseconds(100));
     }
     progress.finish();
-    // Requests still queued (only after the safety net) must not call back into this frame.
-    if (std::any_of(pendings.begin(), pendings.end(), [](Pending const& p) { return !p.done; })) {
-        m_timer.reset();
-        m_targets.clear();
-    }
+    // A request given up by the station may still be queued in an engine.
+    if (std::any_of(pendings.begin(), pendings.end(), [](Pending const& p) { return p.givenUp; })) abandon();
     return replies;
 }

@@ -10,11 +10,15 @@
 #include "engine_binding.h"
 #include "nkProtocol.h"
 #include "poll_timer.h"
+#include "tool_error.h"
 
 struct StationOptions
 {
-    std::vector<std::string> devices;  // HOST:PORT, one engine each
-    std::string serialPath;            // instead of devices
+    // "[ADDR@]HOST:PORT" per device; without ADDR the device has deviceAddress. Several
+    // devices at one HOST:PORT share one link and engine.
+    std::vector<std::string> devices;
+    std::string serialPath;                  // instead of devices
+    std::vector<unsigned int> serialAddresses;  // the devices on the serial bus; empty: deviceAddress
     unsigned int baud = 115200;
     unsigned int deviceAddress = 1;
     unsigned int ownAddress = 100;
@@ -22,9 +26,26 @@ struct StationOptions
     bool verbose = false;
 };
 
-// The station side of nkctl: one link and one protocol engine per device, all driven by one
-// io_context on this thread. A request goes to every device at once; each answer (or time-out,
-// or lost connection) is collected per device.
+// One device as the command line names it.
+struct DeviceSpec
+{
+    std::string link;      // HOST:PORT or the serial path
+    unsigned int address;  // protocol address on that link
+    bool addressGiven;     // written as ADDR@...
+    std::string name() const;
+};
+
+// Parses "[ADDR@]HOST:PORT"; throws ToolError (usage) naming the text.
+DeviceSpec parseDeviceSpec(std::string const& text, unsigned int defaultAddress);
+
+// The devices named by a file (one per line; blank lines and lines starting with '#' are
+// skipped) or by an environment variable (separated by commas or white space).
+std::vector<std::string> devicesFromFile(std::string const& path);
+std::vector<std::string> devicesFromText(std::string const& text);
+
+// The station side of nkctl: one link and one protocol engine per HOST:PORT (or serial
+// port), all driven by one io_context on this thread. A request goes to every device at
+// once; each answer (or time-out, or lost connection) is collected per device.
 class Station
 {
 public:
@@ -33,6 +54,7 @@ public:
         std::string target;
         std::unique_ptr<nk_message> message;
         std::string error;  // empty when message holds the answer
+        ExitCode code = EXIT_OK;
     };
 
     explicit Station(StationOptions options);
@@ -40,22 +62,31 @@ public:
     Station(Station const&) = delete;
     Station& operator=(Station const&) = delete;
 
-    // Opens every link; throws ToolError naming the address and the cause.
+    // Opens every link. A device that cannot be reached fails alone: its replies carry the
+    // cause and its exit status.
     void connect();
-    // Sends msg to every device and waits for all answers. A long transfer shows its
-    // progress on a terminal under progressLabel.
+    // Sends msg to every device and waits for all answers. A device times out when its link
+    // has made no progress (no byte written or read) for the time-out, so a long transfer
+    // lasts as long as its bytes keep moving. A long transfer shows its progress on a
+    // terminal under progressLabel.
     std::vector<Reply> request(nk_message& msg, std::string const& progressLabel = std::string());
     std::size_t targetCount() const { return m_targets.size(); }
 
 private:
-    struct Target;
+    struct Connection;
+    struct Target
+    {
+        DeviceSpec spec;
+        Connection* connection = nullptr;
+    };
     struct Pending;
     static void onResponse(unsigned int address, tBlob* content, void* context, bool timedOut, void* userData);
-    unsigned int timeoutFor(unsigned int bytes) const;
+    void abandon();
 
     StationOptions m_options;
     asio::io_context m_io;
-    std::vector<std::unique_ptr<Target>> m_targets;
+    std::vector<std::unique_ptr<Connection>> m_connections;
+    std::vector<Target> m_targets;
     std::unique_ptr<PollTimer> m_timer;
 };
 
@@ -63,5 +94,10 @@ private:
 // library's factory does not build are refused here (the factory would print a diagnostic on
 // standard output, which carries JSON).
 std::unique_ptr<nk_message> decodeMessage(tBlob* content, std::string& error);
+
+// Starts the process's telegram ids at a random number. Every run used to number its first
+// request 1, so an answer to an earlier run still on its way over a shared line could be
+// taken for the answer to this run's request.
+void randomizeTelegramIds();
 
 #endif

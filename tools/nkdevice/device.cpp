@@ -1,6 +1,7 @@
 #include "device.h"
 
 #include "handlers.h"
+#include "request_reader.h"
 
 namespace
 {
@@ -9,13 +10,6 @@ const char* const kSchedulesFile = "schedules.bin";
 const char* const kEventsFile = "events.json";
 const char* const kCountersFile = "statistics.json";
 const char* const kClockFile = "clock.json";
-
-// The request types that the library's factory builds; anything else is refused before the
-// factory sees it (it would print its diagnostic for unhandled types on standard output).
-bool isKnownType(unsigned int type)
-{
-    return (type >= 1 && type <= 15) || type == 28 || type == 29;
-}
 
 std::unique_ptr<nk_message> readMessage(DeviceStore& store, char const* name, nk_message::teType expected)
 {
@@ -37,7 +31,10 @@ Device::Device(DeviceStore& store, unsigned int address, unsigned int serial)
 {
 }
 
-Device::~Device() = default;
+Device::~Device()
+{
+    flushLog();
+}
 
 void Device::load()
 {
@@ -115,6 +112,22 @@ bool Device::saveSchedules(nk_message::teVersion version)
     return true;
 }
 
+bool Device::flushLog()
+{
+    bool ok = true;
+    if (m_eventsChanged) {
+        tJson json;
+        m_events->serializeToJson(&json);
+        ok = m_store.writeJson(kEventsFile, json) && ok;
+        m_eventsChanged = false;
+    }
+    if (m_countersChanged) {
+        ok = saveCounters() && ok;
+        m_countersChanged = false;
+    }
+    return ok;
+}
+
 bool Device::saveCounters()
 {
     tJson json;
@@ -145,9 +158,8 @@ void Device::recordEvent(EventType type, EventCategory category, tString const& 
     // The field-wise addEvent keeps the log at the events response's cap, dropping the oldest.
     m_events->addEvent(now, now, m_nextEventId++, type, text, category, nullptr, 1, refImage);
     if (type == EVENT_ERROR) ++m_counters.errors;
-    tJson json;
-    m_events->serializeToJson(&json);
-    m_store.writeJson(kEventsFile, json);
+    m_eventsChanged = true;
+    m_countersChanged = true;
 }
 
 std::unique_ptr<nk_messageStateRsp> Device::stateResponse(nk_message::teVersion version)
@@ -170,27 +182,20 @@ std::unique_ptr<nk_messageStateRsp> Device::stateResponse(nk_message::teVersion 
 void Device::handle(unsigned int source, tBlob* content, std::string const& peer)
 {
     ++m_counters.requests;
-    const unsigned int size = content->size();
-    const unsigned int type = size >= 2 ? content->getBuffer()[0] | (content->getBuffer()[1] << 8) : 0;
-    std::unique_ptr<nk_message> request;
-    if (size >= 4 && isKnownType(type)) request.reset(nk_message::getMessage(content));
+    m_countersChanged = true;
+    ReadRequest read = readRequest(*content);
     content->clear();
-    // The factory gives an object even for a body cut short (its fields then hold defaults);
-    // a device must not act on that. A complete body writes back to exactly its own size.
-    nk_serializer rewritten;
-    if (request && (!request->serializeMsg(&rewritten) || rewritten.size() != size)) request.reset();
-    if (!request) {
+    if (!read.message) {
         recordEvent(EVENT_ERROR, CATEGORY_ERROR,
-                    tString::format("unreadable request of %u bytes (type %u) from %u at %s", size, type, source,
-                                    peer.c_str()));
-        saveCounters();
+                    tString::format("request refused (type %u, version %u) from %u at %s: %s", read.type,
+                                    read.version, source, peer.c_str(), read.refusal.c_str()));
         return;
     }
+    nk_message& request = *read.message;
     recordEvent(EVENT_REQUEST, CATEGORY_INFO,
-                tString::format("%s (version %u) from %u at %s", request->typeName().c_str(),
-                                static_cast<unsigned int>(request->version()), source, peer.c_str()));
-    Reply reply = dispatch(*request);
-    saveCounters();
+                tString::format("%s (version %u) from %u at %s", request.typeName().c_str(), read.version, source,
+                                peer.c_str()));
+    Reply reply = dispatch(request);
     if (!reply) return;
     nk_serializer bytes;
     if (reply->serializeMsg(&bytes)) content->append(bytes);

@@ -50,7 +50,8 @@ public:
     void load();
 
     // One received request: the serialized answer is left in content, or content is emptied
-    // when there is nothing to answer.
+    // when there is nothing to answer. A refused request is recorded as an error event that
+    // says why (see readRequest).
     void handle(unsigned int source, tBlob* content, std::string const& peer);
 
     DeviceStore& store() { return m_store; }
@@ -70,7 +71,13 @@ public:
                      tString const& refImage = tString());
 
     Counters& counters() { return m_counters; }
-    bool saveCounters();
+
+    // The event log and the counters change with every request; they are written by
+    // flushLog, which the server calls batched (at most about once a second) and on stop,
+    // not on every request: flash wears. Configuration, schedules, images and the clock are
+    // written at once, before their answer confirms them.
+    bool logChanged() const { return m_eventsChanged || m_countersChanged; }
+    bool flushLog();
 
     // The device clock: the host's clock plus the offset that the last TIME message set.
     long long clock() const;
@@ -90,6 +97,7 @@ private:
     void loadEvents();
     void loadCounters();
     void loadClock();
+    bool saveCounters();
 
     DeviceStore& m_store;
     unsigned int m_address;
@@ -102,6 +110,8 @@ private:
     Counters m_counters;
     long long m_clockOffset = 0;
     bool m_shutdownRequested = false;
+    bool m_eventsChanged = false;
+    bool m_countersChanged = false;
 };
 
 #endif

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "output.h"
 #include "serial.h"
 #include "tool_error.h"
 
@@ -67,7 +68,7 @@ void DeviceServer::addConnection(std::shared_ptr<Link> link)
                                       m_options.verbose ? &EngineBinding::logToStderr : nullptr));
     raw->binding.reset(new EngineBinding(link, *raw->engine));
     m_connections.push_back(std::move(connection));
-    if (m_options.verbose) std::fprintf(stderr, "nkdevice: connection from %s\n", raw->peer.c_str());
+    if (m_options.verbose) logLine("info", "nkdevice", "connection from " + raw->peer);
     const unsigned long long id = raw->id;
     raw->binding->start([this, id](std::string const& reason) {
         // Not from inside the link's own handler: the connection owns the link's binding.
@@ -81,7 +82,7 @@ void DeviceServer::dropConnection(unsigned long long id, std::string const& reas
         Connection* connection = it->get();
         if (connection->id != id) continue;
         if (m_options.verbose)
-            std::fprintf(stderr, "nkdevice: %s: %s\n", connection->peer.c_str(), reason.c_str());
+            logLine("info", "nkdevice", connection->peer + ": " + reason);
         if (connection->serial && m_stopDeadline_ms < 0) m_reopenAt_ms = nowMs() + 1000;
         m_connections.erase(it);
         return;
@@ -114,6 +115,11 @@ bool DeviceServer::allFlushed() const
 void DeviceServer::tick()
 {
     for (auto const& connection : m_connections) connection->binding->poll();
+    if (m_device.logChanged() &&
+        (m_stopDeadline_ms >= 0 || nowMs() - m_logFlushedAt_ms >= static_cast<long long>(m_options.logFlushPeriod_ms))) {
+        m_device.flushLog();
+        m_logFlushedAt_ms = nowMs();
+    }
     if (m_stopDeadline_ms >= 0) {
         if (allFlushed() || nowMs() > m_stopDeadline_ms) {
             m_timer.stop();
@@ -127,7 +133,7 @@ void DeviceServer::tick()
         try {
             openSerial(m_serialPath, m_serialBaud);
         } catch (ToolError const& e) {
-            std::fprintf(stderr, "nkdevice: %s\n", e.what());
+            logLine("warning", "nkdevice", e.what());
             m_reopenAt_ms = nowMs() + 1000;
         }
     }

@@ -21,7 +21,10 @@ public:
     struct Options
     {
         bool verbose = false;
-        unsigned int pollPeriod_ms = 20;
+        // Requests are answered as their bytes arrive; the timer only times out, reopens a
+        // failed serial port and writes the event log and counters.
+        unsigned int pollPeriod_ms = 250;
+        unsigned int logFlushPeriod_ms = 1000;
     };
 
     DeviceServer(asio::io_context& io, Device& device, Options const& options);
@@ -52,6 +55,7 @@ private:
     unsigned int m_serialBaud = 0;
     long long m_reopenAt_ms = -1;
     long long m_stopDeadline_ms = -1;
+    long long m_logFlushedAt_ms = 0;
     unsigned long long m_lastConnectionId = 0;
 };
 

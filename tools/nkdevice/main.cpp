@@ -41,7 +41,10 @@ int main(int argc, char** argv)
     app.add_option("--address", addressText, "the device's protocol address")->capture_default_str();
     app.add_option("--serial-number", serialNumberText, "serial number reported in the state (default: the address)");
     app.add_option("--data", dataDir, "data directory holding the device's state")->capture_default_str();
-    app.add_flag("--verbose,-v", verbose, "log connections and the engine's messages on standard error");
+    app.add_flag("--verbose,-v", verbose,
+                 "log connections and the engine's messages with time stamps on standard error");
+    app.footer("Exit status: 0 stopped cleanly, 1 other failure, 2 usage error, 3 data directory unusable, "
+               "4 cannot listen or open the serial port.");
     // Usage errors are one line on standard error, like every other error of the tools.
     app.failure_message([](CLI::App const*, CLI::Error const& e) {
         return std::string("nkdevice: ") + e.what() + " (see --help)\n";
@@ -49,7 +52,7 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& e) {
-        return app.exit(e);
+        return app.exit(e) == 0 ? EXIT_OK : EXIT_USAGE;
     }
 
     try {
@@ -82,13 +85,14 @@ int main(int argc, char** argv)
         }
         device.recordEvent(Device::EVENT_STARTED, Device::CATEGORY_NOTICE, "device started");
         io.run();
-        device.saveCounters();
+        device.flushLog();
         announce("stopped", "", "", store.directory());
         return 0;
     } catch (ToolError const& e) {
         reportError("nkdevice", e.what());
+        return e.code;
     } catch (std::exception const& e) {
         reportError("nkdevice", e.what());
     }
-    return 1;
+    return EXIT_FAILURE_OTHER;
 }

@@ -4,6 +4,7 @@
 Every child runs under a time limit and is killed when the test ends, whatever happened.
 """
 import argparse
+import fcntl
 import json
 import os
 import shutil
@@ -115,10 +116,10 @@ def session(link, work, image_id):
     state = out[0] if out else {}
     check(status == 0 and state.get("csCfg") == cs_cfg and state.get("csSched") == cs_sched,
           "state reports both checksums")
-    check({"uid": image_id} in state.get("images", []), "state lists the image")
+    check({"uid": image_id, "uidText": str(image_id)} in state.get("images", []), "state lists the image")
     check(state.get("devName") == "lobby panel", "state reports the configured name")
     status, out, _ = ctl(link, "events", "--sort", "id-desc")
-    check(status == 0 and out and len(out[0].get("events", [])) > 3, "events come back")
+    check(status == 0 and len(out) > 3 and all("event" in o for o in out), "events come back, one per line")
     status, out, _ = ctl(link, "statistics")
     check(status == 0 and out and out[0]["imgUpdateCount"] >= 1, "statistics count the image update")
     status, out, _ = ctl(link, "display-config")
@@ -168,10 +169,38 @@ def tcp_part(work):
             codes.append(None)
     check(codes == [0] * 6, "six stations served at once")
     status, out, _ = ctl(link + ["--device", address], "state")
-    check(status == 0 and len(out) == 2, "one station talks to two links at once")
-    status, out, err = ctl(link + ["--device", "127.0.0.1:%d" % free_port(), "--device", address], "state")
-    check(status == 1 and len(out) == 2 and "connection refused" in err,
-          "a device that cannot be reached fails alone (%s)" % err.strip())
+    check(status == 0 and len(out) == 2 and all(o["device"] == address for o in out),
+          "one station talks to two links at once, each line naming its device")
+    refused = "127.0.0.1:%d" % free_port()
+    status, out, err = ctl(link + ["--device", refused, "--device", address], "state")
+    check(status == 4 and len(out) == 3 and "connection refused" in err
+          and {"device": refused, "error": "connection refused by " + refused, "exitCode": 4} in out,
+          "a device that cannot be reached fails alone, also as an error object (%s)" % err.strip())
+    os.environ["NKCTL_DEVICES"] = "1@%s, %s" % (address, address)
+    status, out, _ = ctl([], "state")
+    del os.environ["NKCTL_DEVICES"]
+    check(status == 0 and [o["device"] for o in out] == ["1@" + address, address], "devices from the environment")
+    with open(work + "/devices.txt", "w") as f:
+        f.write("# panels\n%s\n\n" % address)
+    status, out, _ = ctl(["--devices-file", work + "/devices.txt"], "state")
+    check(status == 0 and len(out) == 1, "devices from a file")
+    status, out, err = ctl(["--device", "9@" + address, "--timeout", "1"], "state")
+    check(status == 5 and "time-out: device 9 at " + address in err, "another protocol address is not answered")
+
+    # Ids above 2^53 come also as text; a removal of an image the device does not hold fails.
+    big = 9007199254740993
+    status, out, _ = ctl(link, "image", "push", ARGS.examples + "/image.png", "--id", str(big))
+    check(status == 0 and out and out[0]["uidText"] == str(big), "a large id comes back as text too")
+    status, out, _ = ctl(link, "state")
+    check(status == 0 and {"uid": big, "uidText": str(big)} in out[0]["images"], "state gives ids as text too")
+    status, out, err = ctl(link, "image", "remove", "--id", str(big - 1))
+    check(status == 7 and out and out[0]["removed"] is False and "not held" in err,
+          "removing an image the device does not hold fails (%s)" % err.strip())
+    status, out, _ = ctl(link, "image", "remove", "--id", str(big))
+    check(status == 0 and out and out[0]["removed"], "a large id is removed exactly")
+    status, out, _ = ctl(link, "events", "--limit", "3", "--since", "2020-01-01T00:00:00Z")
+    check(status == 0 and len(out) == 3 and all("event" in o and o["device"] == address for o in out),
+          "events one per line, limited")
 
     # A kill at any moment keeps what was confirmed.
     device.kill()
@@ -202,7 +231,9 @@ def tcp_part(work):
 
 def bad_input_part(work):
     link = ["--device", "127.0.0.1:9"]
-    one_error_line(ctl(link, "config", "push", work + "/missing.json"), "No such file", "missing file")
+    result = ctl(link, "config", "push", work + "/missing.json")
+    one_error_line(result, "No such file", "missing file")
+    check(result[0] == 3, "a missing input file exits with 3")
     with open(work + "/broken.json", "w") as f:
         f.write('{\n  "action": "config",\n  "type": "request" "tv": 1\n}\n')
     one_error_line(ctl(link, "config", "push", work + "/broken.json"), "broken.json:3:", "malformed JSON")
@@ -210,17 +241,22 @@ def bad_input_part(work):
                    "out of range", "id out of range")
     one_error_line(ctl(link, "image", "push", ARGS.examples + "/image.png", "--id", "1", "--mime", "image/gif"),
                    "unknown mime type", "unknown mime type")
-    one_error_line(ctl(link, "image", "push", ARGS.examples + "/image.png"), "--id is required", "usage error")
+    result = ctl(link, "image", "push", ARGS.examples + "/image.png")
+    one_error_line(result, "--id is required", "usage error")
+    check(result[0] == 2, "a usage error exits with 2")
 
     # A port nobody listens on, and a peer that accepts but never answers.
-    one_error_line(ctl(["--device", "127.0.0.1:%d" % free_port()], "state"), "connection refused", "refused")
+    result = ctl(["--device", "127.0.0.1:%d" % free_port()], "state")
+    check(result[0] == 4 and "connection refused" in result[2] and len(result[2].splitlines()) == 1,
+          "refused connection: one line, exit 4")
     with socket.socket() as silent:
         silent.bind(("127.0.0.1", 0))
         silent.listen(4)
         address = "127.0.0.1:%d" % silent.getsockname()[1]
         started = time.monotonic()
-        one_error_line(ctl(["--device", address, "--timeout", "1"], "state"), "time-out: device 1 at " + address,
-                       "silent device")
+        result = ctl(["--device", address, "--timeout", "1"], "state")
+        check(result[0] == 5 and "time-out: device 1 at " + address in result[2]
+              and len(result[2].splitlines()) == 1, "silent device: one line, exit 5")
         check(time.monotonic() - started < 10, "time-out is bounded")
 
 
@@ -234,6 +270,22 @@ def codec_part(work):
     telegrams = [o for o in objects if "telegram" in o]
     check(len(telegrams) == 1 and telegrams[0]["message"]["name"] == "STATE_REQ"
           and telegrams[0]["message"]["json"]["name"] == "hall", "encode then decode gives the message back")
+    # What decode prints for a schedule set is pushable and gives the same set: flags 6 on
+    # logical display 1 stay flags 6 on display 1.
+    schedules = work + "/frame-schedules.json"
+    json.dump({"action": "schedules", "type": "request", "tv": 1, "schedules": [
+        {"uid": 8, "name": "eight", "startTime": "2024-03-01T08:30:00+01:00", "stopTime": 0, "flags": 6, "frame": 1,
+         "entries": [{"uid": 1, "name": "a", "duration": 5, "imageUid": "9007199254740993"}]}]}, open(schedules, "w"))
+    status, sums, err = ctl([], "schedules", "checksum", schedules)
+    frames = subprocess.run([ARGS.nkctl, "encode", schedules], capture_output=True, timeout=10).stdout
+    decoded = subprocess.run([ARGS.nkctl, "--json", "decode"], input=frames, capture_output=True, timeout=10)
+    printed = [json.loads(line) for line in decoded.stdout.decode().splitlines()][0]["message"]["json"]
+    check(printed["schedules"][0]["frame"] == 1 and printed["schedules"][0]["startTime"] == 1709278200,
+          "decode prints the logical display as \"frame\" and the time in UTC")
+    json.dump(printed, open(work + "/printed.json", "w"))
+    status2, sums2, err2 = ctl([], "schedules", "checksum", work + "/printed.json")
+    check(status == 0 and status2 == 0 and sums and sums2 and sums[0]["cs"] == sums2[0]["cs"],
+          "a decoded schedule set pushed back gives the same checksum (%s%s)" % (err.strip(), err2.strip()))
     hexed = subprocess.run([ARGS.nkctl, "encode", "--hex", request], capture_output=True, timeout=10).stdout
     decoded = subprocess.run([ARGS.nkctl, "--json", "decode"], input=hexed, capture_output=True, timeout=10)
     check(decoded.returncode == 0 and b"STATE_REQ" in decoded.stdout, "decode reads hex")
@@ -252,6 +304,12 @@ def serial_part(work):
     os.write(noise, b"\x02\x7fnoise\x02")
     os.close(noise)
     session(link, work, 43)
+    # One program per port: a second station on the line is refused, not handed the answers.
+    holder = os.open(station_end, os.O_RDWR | os.O_NOCTTY)
+    fcntl.flock(holder, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    status, _, err = ctl(link, "state")
+    os.close(holder)
+    check(status == 4 and "busy" in err, "a serial port held by another program is refused (%s)" % err.strip())
     status, out, _ = ctl(link, "shutdown")
     check(status == 0, "shutdown over the serial link")
     check(stop(device) == 0, "serial device stops cleanly")

@@ -181,3 +181,81 @@ TEST(ToolsDevice, DecoderFindsMultiPartTelegramsAmidGarbage)
     EXPECT_EQ(header.getString("type"), "TYPE_RESPONSE");
     EXPECT_EQ(header.getUInt("id"), 77u);
 }
+
+TEST(ToolsDevice, AnswersWhatTheLibraryReads)
+{
+    const std::string dir = freshDirectory();
+    DeviceStore store(dir);
+    Device device(store, 1, 1);
+    auto answer = [&device](tBlob bytes) {
+        device.handle(100, &bytes, "test");
+        std::string error;
+        return bytes.isEmpty() ? nullptr : decodeMessage(&bytes, error);
+    };
+    auto withBytes = [](nk_message& message, char const* extra, unsigned int extraLength) {
+        nk_serializer bytes;
+        message.serializeMsg(&bytes);
+        tBlob blob(bytes);
+        blob.append(reinterpret_cast<unsigned char const*>(extra), extraLength);
+        return blob;
+    };
+
+    // A newer revision's longer body is read as far as the known layout goes and answered,
+    // in the newest version the device knows.
+    nk_messageStateReq state(static_cast<nk_message::teVersion>(3));
+    auto reply = answer(withBytes(state, "\x05\x06", 2));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->type(), nk_message::STATE_RSP);
+    EXPECT_EQ(reply->version(), nk_message::VERSION_2);
+    nk_messageStateReq seven(static_cast<nk_message::teVersion>(7));
+    reply = answer(withBytes(seven, "", 0));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->version(), nk_message::VERSION_2);
+    nk_messageTime time(nk_message::VERSION_0);
+    reply = answer(withBytes(time, "\x01\x02\x03\x04", 4));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->type(), nk_message::TIME);
+    // A request that only reads is answered even without its body.
+    reply = answer(tBlob(reinterpret_cast<unsigned char const*>("\x03\x00\x00\x00"), 4));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->type(), nk_message::EVENTS_RSP);
+
+    // A repeated frame id is read as the library reads it: the later frame replaces the earlier.
+    nk_messageSetConfigReq config(nk_message::VERSION_3);
+    config.frm_change_ts("aa", 0, 0, 100, 100, 20, 1, 0);
+    config.frm_change_ts("bb", 0, 0, 200, 200, 21, 1, 0);
+    nk_serializer configBytes;
+    config.serializeMsg(&configBytes);
+    tBlob repeated(configBytes);
+    const std::string raw(reinterpret_cast<char const*>(repeated.getBuffer()), repeated.size());
+    const std::size_t second = raw.find("bb");
+    ASSERT_NE(second, std::string::npos);
+    const std::size_t idAt = second + 2 + 4 * 2;  // behind the name: left, top, width, height, id
+    ASSERT_EQ(repeated.getBuffer()[idAt], 21);
+    repeated.getBuffer()[idAt] = 20;
+    reply = answer(repeated);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->type(), nk_message::SET_CONFIG_RSP);
+    EXPECT_EQ(device.config().frm_count(), 1u);
+    tFrame held;
+    ASSERT_TRUE(device.config().frm_getById(20, &held));
+
+    // A body cut short that would change the device is refused, and the log says why.
+    const unsigned int eventsBefore = device.events().eventCount();
+    EXPECT_FALSE(answer(tBlob(configBytes.getBuffer(), configBytes.size() - 3)));
+    ASSERT_GT(device.events().eventCount(), eventsBefore);
+    const tString why = device.events().getEvent(device.events().eventCount() - 1)->eventMessage();
+    EXPECT_NE(why.str().find("cut short"), std::string::npos) << why.str();
+    EXPECT_FALSE(answer(tBlob(reinterpret_cast<unsigned char const*>("\x02\x00\x00\x00"), 4)));  // a response
+    EXPECT_NE(device.events().getEvent(device.events().eventCount() - 1)->eventMessage().str().find("not a request"),
+              std::string::npos);
+
+    // The event log and counters reach the disk when flushed, not on every request.
+    EXPECT_FALSE(tFile::exists(tString(store.path("events.json"))));
+    EXPECT_TRUE(device.logChanged());
+    EXPECT_TRUE(device.flushLog());
+    EXPECT_FALSE(device.logChanged());
+    EXPECT_TRUE(tFile::exists(tString(store.path("events.json"))));
+    EXPECT_TRUE(tFile::exists(tString(store.path("statistics.json"))));
+    std::system(("rm -rf " + dir).c_str());
+}

@@ -96,7 +96,7 @@ TEST(ToolsInput, MimeTypesAndJsonErrors)
     EXPECT_NE(configCheck(",\"updatTime\":600").find("unknown member \"updatTime\""), std::string::npos);
 
     const std::string human = renderHuman("{\"a\":1,\"list\":[{\"uid\":5},{\"uid\":6}],\"s\":\"\"}");
-    EXPECT_EQ(human, "  a: 1\n  list:\n    - uid: 5\n    - uid: 6\n  s: \"\"\n");
+    EXPECT_EQ(human, "  a: 1\n  list:\n    - id: 5\n    - id: 6\n  s: \"\"\n");
 }
 
 TEST(ToolsInput, CaptureAsHexOrBytes)
