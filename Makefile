@@ -15,7 +15,10 @@ build: deps
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
 
-demo: build
+# The demo needs the two programs only, not the whole tree of tests and benchmarks.
+demo: deps
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS) --target nkctl nkdevice
 	@bash tools/demo.sh $(BUILD)
 
 bench: build

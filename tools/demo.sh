@@ -92,8 +92,8 @@ status=$?; shown "present: true"; verdict $((status + $?)) "image 42 is stored"
 
 step "read the state"
 ctl state
-status=$?; shown "- uid: 42"; verdict $((status + $?)) "the state lists image 42"
-checksums_before=$(grep -E "csCfg|csSched" "$work/last")
+status=$?; shown "- id: 42"; verdict $((status + $?)) "the state lists image 42"
+checksums_before=$(grep -E "configuration checksum|schedules checksum" "$work/last")
 
 step "read the event log, newest first"
 ctl events --sort id-desc
@@ -101,11 +101,11 @@ status=$?; shown "IMAGE"; verdict $((status + $?)) "the device logged the reques
 
 step "read the statistics"
 ctl statistics
-status=$?; shown "imgUpdateCount: 1"; verdict $((status + $?)) "one image update counted"
+status=$?; shown "image updates: 1"; verdict $((status + $?)) "one image update counted"
 
 step "read the display configuration"
 ctl display-config
-status=$?; shown "dispConfigs"; verdict $((status + $?)) "display configurations reported"
+status=$?; shown "display configurations"; verdict $((status + $?)) "display configurations reported"
 
 step "restart the device on the same data directory"
 kill "$device_pid"
@@ -115,7 +115,7 @@ start_device
 verdict $? "nkdevice listens again on ${address:-nothing}"
 ctl state
 status=$?
-[ "$(grep -E "csCfg|csSched" "$work/last")" = "$checksums_before" ] && shown "- uid: 42"
+[ "$(grep -E "configuration checksum|schedules checksum" "$work/last")" = "$checksums_before" ] && shown "- id: 42"
 verdict $((status + $?)) "both checksums and image 42 survived the restart"
 
 step "shut the device down"
