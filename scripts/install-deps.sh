@@ -8,7 +8,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build make g++ clang libclang-rt-14-dev pkg-config
   nlohmann-json3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libasio-dev libcli11-dev python3
+  libasio-dev libcli11-dev python3 help2man
 )
 if [ "${1:-}" = "--arm" ]; then
   packages+=(g++-arm-linux-gnueabihf qemu-user libssl-dev:armhf libgtest-dev:armhf libbenchmark-dev:armhf)
@@ -38,11 +38,13 @@ fi
 [ "${1:-}" = "--arm" ] || exit 1
 # libssl3 is Multi-Arch: same, so both architectures must carry one version. When the amd64 and
 # armhf indexes disagree (one suite's armhf index missing), pin both to the armhf candidate.
+# After `make test` has upgraded the host's libssl from the security suite, that pin is a
+# downgrade of the host's package, which apt refuses unless allowed.
 ssl=$(apt-cache policy libssl3:armhf | awk '/Candidate:/ {print $2}')
 echo "install-deps: retrying with OpenSSL $ssl in both architectures" >&2
 pinned=()
 for p in "${missing[@]}"; do
   case "$p" in libssl-dev|libssl-dev:armhf) ;; *) pinned+=("$p") ;; esac
 done
-"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${pinned[@]}" \
+"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends --allow-downgrades "${pinned[@]}" \
   "libssl3=$ssl" "libssl3:armhf=$ssl" "libssl-dev=$ssl" "libssl-dev:armhf=$ssl"

@@ -286,6 +286,17 @@ def codec_part(work):
     status2, sums2, err2 = ctl([], "schedules", "checksum", work + "/printed.json")
     check(status == 0 and status2 == 0 and sums and sums2 and sums[0]["cs"] == sums2[0]["cs"],
           "a decoded schedule set pushed back gives the same checksum (%s%s)" % (err.strip(), err2.strip()))
+    # Base64 that does not decode is refused, not sent as empty content; -o says why it fails.
+    for content, good in (("Zg==", True), ("Zh==", False), ("Zg", False), ("Z!==", False)):
+        image = work + "/image-request.json"
+        json.dump({"action": "images", "type": "request", "tv": 1,
+                   "images": [{"uid": 1, "name": "f", "mime": 0, "content": content}]}, open(image, "w"))
+        done = subprocess.run([ARGS.nkctl, "encode", "--hex", image], capture_output=True, text=True, timeout=10)
+        check((done.returncode == 0) if good else (done.returncode == 3 and "not valid base64" in done.stderr),
+              "encode %s base64 %r (%s)" % ("takes" if good else "refuses", content, done.stderr.strip()))
+    done = subprocess.run([ARGS.nkctl, "encode", request, "-o", work + "/missing/dir/out.bin"],
+                          capture_output=True, text=True, timeout=10)
+    check(done.returncode != 0 and "No such file or directory" in done.stderr, "encode -o says why it cannot write")
     hexed = subprocess.run([ARGS.nkctl, "encode", "--hex", request], capture_output=True, timeout=10).stdout
     decoded = subprocess.run([ARGS.nkctl, "--json", "decode"], input=hexed, capture_output=True, timeout=10)
     check(decoded.returncode == 0 and b"STATE_REQ" in decoded.stdout, "decode reads hex")

@@ -1,0 +1,14 @@
+# bash completion for nkdevice (installed as share/bash-completion/completions/nkdevice).
+
+_nkdevice()
+{
+    local cur prev words cword
+    _init_completion || return
+    case $prev in
+        --data) _filedir -d; return ;;
+        --serial) _filedir; return ;;
+        --listen | --baud | --address | --serial-number) return ;;
+    esac
+    COMPREPLY=($(compgen -W "--listen --serial --baud --address --serial-number --data --verbose -v --help -h --version" -- "$cur"))
+}
+complete -F _nkdevice nkdevice

@@ -1,0 +1,22 @@
+# Installs the build tree into PREFIX and checks that the installed programs start (they find
+# the library through their relative run path) and that their man pages and bash completion
+# are installed. Run by CTest: cmake -DBUILD=... -DPREFIX=... -P install_check.cmake
+file(REMOVE_RECURSE ${PREFIX})
+execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --prefix ${PREFIX} RESULT_VARIABLE status OUTPUT_QUIET)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "cmake --install failed: ${status}")
+endif()
+foreach(program nkctl nkdevice)
+  # Without the build tree's run path: only the installed one can find the library.
+  execute_process(COMMAND ${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH ${PREFIX}/bin/${program} --version
+                  RESULT_VARIABLE status OUTPUT_VARIABLE version ERROR_VARIABLE error)
+  if(NOT status EQUAL 0)
+    message(FATAL_ERROR "installed ${program} does not start: ${error}")
+  endif()
+  foreach(file share/man/man1/${program}.1 share/bash-completion/completions/${program})
+    if(NOT EXISTS ${PREFIX}/${file})
+      message(FATAL_ERROR "${file} is not installed")
+    endif()
+  endforeach()
+endforeach()
+file(REMOVE_RECURSE ${PREFIX})
