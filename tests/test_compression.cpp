@@ -202,3 +202,98 @@ TEST(Compression, DamagedInputIsRefused)
         }
     }
 }
+
+namespace
+{
+// Canonical Huffman decoding one bit at a time, as a peer would write it from the format: the
+// reference for the table-driven decoder, which splits long streams into lanes.
+bool referenceHuffmanDecode(Bytes const& form, Bytes& out)
+{
+    const uint32_t length = form[0] | form[1] << 8 | form[2] << 16 | uint32_t(form[3]) << 24;
+    unsigned lengths[256], perLength[13] = {}, present = 0;
+    for (unsigned s = 0; s < 256; ++s) {
+        lengths[s] = s % 2 ? form[4 + s / 2] >> 4 : form[4 + s / 2] & 0x0F;
+        if (lengths[s] > 12) return false;
+        if (lengths[s]) ++perLength[lengths[s]], ++present;
+    }
+    unsigned kraft = 0;
+    for (unsigned l = 1; l <= 12; ++l) kraft += perLength[l] << (12 - l);
+    if (kraft != 4096 && !(present == 1 && perLength[1] == 1)) return false;
+    std::vector<unsigned> symbolsByCode;  // canonical order: by length, then symbol
+    for (unsigned l = 1; l <= 12; ++l)
+        for (unsigned s = 0; s < 256; ++s)
+            if (lengths[s] == l) symbolsByCode.push_back(s);
+    const std::size_t streamBytes = form.size() - 132;
+    uint64_t bitPos = 0;
+    auto bit = [&] {
+        const uint64_t p = bitPos++;
+        return p / 8 < streamBytes ? (form[132 + p / 8] >> (7 - p % 8)) & 1 : 0;
+    };
+    out.clear();
+    for (uint32_t i = 0; i < length; ++i) {
+        unsigned code = 0, first = 0, index = 0, l = 1;
+        for (; l <= 12; ++l) {
+            code = code << 1 | bit();
+            if (code - first < perLength[l]) break;
+            index += perLength[l];
+            first = (first + perLength[l]) << 1;
+        }
+        if (l > 12) return false;  // only the incomplete single-symbol code gets here
+        out.push_back(static_cast<unsigned char>(symbolsByCode[index + code - first]));
+    }
+    if (bitPos > streamBytes * 8 || (bitPos + 7) / 8 != streamBytes) return false;
+    for (uint64_t p = bitPos; p < streamBytes * 8; ++p)
+        if (bit()) return false;
+    return true;
+}
+}
+
+// Long streams are decoded in lanes that start at fixed bit positions and must join the true
+// decoding; whatever the content, the result is the one decoding bit by bit gives.
+TEST(Compression, LongHuffmanStreamsDecodeLikeOneChain)
+{
+    std::mt19937 rng(11);
+    Bytes text;
+    const char* words[] = {"panel ", "shows ", "the ", "image ", "until ", "noon; ", "then ", "a ", "slide ", "show. "};
+    while (text.size() < 400000) for (char const* c = words[rng() % 10]; *c; ++c) text.push_back(*c);
+    Bytes eightSymbols(300000);  // every code 3 bits long: a lane off a code boundary never joins
+    for (auto& b : eightSymbols) b = static_cast<unsigned char>('a' + rng() % 8);
+    Bytes mixed(text.begin(), text.begin() + 150000);
+    mixed.insert(mixed.end(), eightSymbols.begin(), eightSymbols.begin() + 100000);
+    mixed.insert(mixed.end(), text.begin(), text.begin() + 150000);
+    std::vector<Bytes> inputs = {text, eightSymbols, mixed, randomBytes(200000, 12)};
+    for (std::size_t n = 60000; n < 75000; n += 1111) inputs.emplace_back(text.begin(), text.begin() + n);
+
+    for (Bytes const& data : inputs) {
+        SCOPED_TRACE(data.size());
+        const Bytes form = bytesOf(tCompression::encodeHuffman(blobOf(data)));
+        tBlob out;
+        ASSERT_TRUE(tCompression::decodeHuffman(blobOf(form), out));
+        EXPECT_TRUE(out == blobOf(data));
+    }
+
+    // Damage anywhere (in the first lane, where a lane starts, in the tail) and a changed
+    // length are judged exactly as one chain judges them.
+    const Bytes form = bytesOf(tCompression::encodeHuffman(blobOf(text)));
+    std::vector<std::size_t> places = {140, 132 + 8192, 132 + 8192 * 2 + 1, 132 + 8192 * 3 - 1, form.size() - 3};
+    for (int i = 0; i < 20; ++i) places.push_back(132 + rng() % (form.size() - 132));
+    int refused = 0;
+    for (std::size_t place : places) {
+        for (int variant = 0; variant < 3; ++variant) {
+            SCOPED_TRACE(testing::Message() << place << " " << variant);
+            Bytes damaged = form;
+            if (variant == 0) damaged[place] ^= static_cast<unsigned char>(1u << (place % 8));
+            if (variant == 1) damaged[place] = static_cast<unsigned char>(rng());
+            if (variant == 2) damaged[0] = static_cast<unsigned char>(damaged[0] + 1 + place % 5);
+            Bytes expected;
+            const bool ok = referenceHuffmanDecode(damaged, expected);
+            tBlob out;
+            ASSERT_EQ(tCompression::decodeHuffman(blobOf(damaged), out), ok);
+            if (ok) {
+                EXPECT_TRUE(out == blobOf(expected));
+            }
+            refused += !ok;
+        }
+    }
+    EXPECT_GT(refused, 0);
+}

@@ -2,6 +2,8 @@
 // decoder and a 64-bit bit writer.
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "compression_internal.h"
 
@@ -13,6 +15,8 @@ namespace
 {
 constexpr unsigned kTableBits = kMaxCodeLength;
 constexpr uint32_t kTableSize = 1u << kTableBits;
+// Inputs from this length on are encoded two bytes per table entry.
+constexpr std::size_t kPairTableMinInput = 256 * 1024;
 
 // Canonical codes as in DEFLATE: shorter codes first, equal lengths in symbol order.
 void canonicalCodes(uint8_t const lengths[256], uint16_t codes[256])
@@ -128,8 +132,7 @@ std::size_t encodeBody(unsigned char const* data, std::size_t length, uint8_t co
     unsigned char* o = out + kLengthTableBytes;
     uint64_t acc = 0;
     unsigned bits = 0;
-    auto put = [&](unsigned char symbol) {
-        const uint32_t e = entry[symbol];
+    auto put = [&](uint32_t e) {  // code << 8 | length
         acc = (acc << (e & 0xFF)) | (e >> 8);
         bits += e & 0xFF;
     };
@@ -139,20 +142,201 @@ std::size_t encodeBody(unsigned char const* data, std::size_t length, uint8_t co
         bits &= 7;
     };
     std::size_t i = 0;
+    // Appending codes is one chain of shifts, each waiting for the one before. For long inputs
+    // a table of the codes of every two-byte pair (24 bits at most) halves that chain; it costs
+    // 64 Ki entries to build, so short inputs go symbol by symbol.
+    if (length >= kPairTableMinInput) {
+        std::unique_ptr<uint32_t[]> pairs(new (std::nothrow) uint32_t[1u << 16]);
+        if (pairs) {
+            // Indexed as readLE gives two bytes: the first in the low byte.
+            for (unsigned b = 0; b < 256; ++b) {
+                const uint32_t second = entry[b] >> 8, secondLength = entry[b] & 0xFF;
+                for (unsigned a = 0; a < 256; ++a)
+                    pairs[a | b << 8] = ((entry[a] >> 8) << secondLength | second) << 8 |
+                                        ((entry[a] & 0xFF) + secondLength);
+            }
+            // Two pairs add at most 48 bits to at most 7 pending ones.
+            for (; i + 4 <= length; i += 4) {
+                put(pairs[readLE<uint16_t>(data + i)]);
+                put(pairs[readLE<uint16_t>(data + i + 2)]);
+                flush();
+            }
+        }
+    }
     // Four symbols add at most 48 bits to at most 7 pending ones.
     for (; i + 4 <= length; i += 4) {
-        put(data[i]);
-        put(data[i + 1]);
-        put(data[i + 2]);
-        put(data[i + 3]);
+        put(entry[data[i]]);
+        put(entry[data[i + 1]]);
+        put(entry[data[i + 2]]);
+        put(entry[data[i + 3]]);
         flush();
     }
     for (; i < length; ++i) {
-        put(data[i]);
+        put(entry[data[i]]);
         flush();
     }
     if (bits) ++o;
     return static_cast<std::size_t>(o - out);
+}
+
+namespace
+{
+// The decoder's two tables, built from the code lengths. `single` gives one symbol per 12-bit
+// window: symbol | length << 8. `multi` takes as many symbols, up to three, as have their whole
+// codes in the same 12 bits: the symbols in bytes 0 to 2 | their bits << 24 | how many << 28.
+// Short codes are the common ones, so text gives two or three symbols per lookup.
+struct DecodeTables
+{
+    uint16_t single[kTableSize];
+    uint32_t multi[kTableSize];
+
+    explicit DecodeTables(uint8_t const lengths[256])
+    {
+        uint16_t codes[256];
+        canonicalCodes(lengths, codes);
+        for (unsigned s = 0; s < 256; ++s) {
+            if (!lengths[s]) continue;
+            const unsigned shift = kTableBits - lengths[s];
+            const uint16_t e = static_cast<uint16_t>(s | (lengths[s] << 8));
+            std::fill(single + (static_cast<uint32_t>(codes[s]) << shift),
+                      single + (static_cast<uint32_t>(codes[s] + 1) << shift), e);
+        }
+        for (uint32_t index = 0; index < kTableSize; ++index) {
+            uint32_t symbols = 0;
+            unsigned bits = 0, count = 0;
+            while (count < 3) {
+                const uint16_t e = single[(index << bits) & (kTableSize - 1)];
+                const unsigned length = e >> 8;
+                if (count > 0 && bits + length > kTableBits) break;
+                symbols |= static_cast<uint32_t>(e & 0xFF) << (8 * count);
+                bits += length;
+                ++count;
+            }
+            multi[index] = symbols | bits << 24 | count << 28;
+        }
+    }
+
+    // Four lookups from one 64-bit window (at least 57 valid bits, four codes of up to 12).
+    // Each lookup stores four bytes and keeps up to three, so 16 bytes of output must remain,
+    // and the 8 stream bytes at bitPos must exist.
+    static constexpr std::size_t kOutputRoom = 16;
+    void decodeFour(unsigned char const* stream, uint64_t& bitPos, unsigned char*& o) const
+    {
+        uint64_t window = compression::readBE64(stream + (bitPos >> 3)) << (bitPos & 7);
+        unsigned consumed = 0;
+        for (int k = 0; k < 4; ++k) {
+            const uint32_t e = multi[window >> (64 - kTableBits)];
+            writeLE<uint32_t>(o, e);
+            o += e >> 28;
+            const unsigned bits = (e >> 24) & 0x0F;
+            window <<= bits;
+            consumed += bits;
+        }
+        bitPos += consumed;
+    }
+
+    // One symbol; the window is filled from the remaining bytes and then zeros, so a symbol
+    // that needed those zeros shows as a bit position past the end of the stream.
+    unsigned char decodeOne(unsigned char const* stream, std::size_t streamBytes, uint64_t& bitPos) const
+    {
+        const std::size_t byte = static_cast<std::size_t>(bitPos >> 3);
+        uint64_t window = 0;
+        if (byte + 8 <= streamBytes) {
+            window = compression::readBE64(stream + byte);
+        } else {
+            for (unsigned k = 0; k < 8; ++k) window = (window << 8) | (byte + k < streamBytes ? stream[byte + k] : 0);
+        }
+        window <<= bitPos & 7;
+        const uint16_t e = single[window >> (64 - kTableBits)];
+        bitPos += e >> 8;
+        return static_cast<unsigned char>(e);
+    }
+};
+
+// A single code stream is one long chain of dependent lookups, each waiting for the length of
+// the one before; that chain, not the work, bounds a plain decoder. So a long stream is cut
+// into groups of four lanes that are decoded side by side. Lane 0 starts where the output
+// stands; lanes 1 to 3 start at fixed bit positions that may fall inside a code. A prefix code
+// resynchronises: a lane that starts off a code boundary soon lands on one that the true
+// decoding also passes through, and from there on both agree. Each lane notes where its first
+// symbols began; the lane before it, once past its own end, steps on one symbol at a time until
+// it reaches one of those places, and the later lane's symbols from there on are kept. A lane
+// that never meets the true decoding within its noted symbols (a fixed-length code whose length
+// does not divide the lane size never does) leaves its group to be decoded from the true
+// position as the next group, so the result is always that of decoding in one chain.
+constexpr unsigned kLanes = 4;
+constexpr uint64_t kLaneBits = uint64_t(1) << 16;
+constexpr uint64_t kGroupBits = kLanes * kLaneBits;
+constexpr unsigned kMarks = 128;              // symbol starts noted at the front of each lane
+constexpr uint64_t kSlackBits = 4096;         // stream and output kept in reserve behind a group
+constexpr std::size_t kLaneScratch = kLaneBits + 64;  // a lane decodes at most kLaneBits + 48 symbols
+constexpr unsigned kGiveUpAfter = 2;          // groups in a row that did not join: decode in one chain
+
+void decodeLanes(DecodeTables const& t, unsigned char const* stream, std::size_t streamBytes, uint64_t& bitPos,
+                 unsigned char*& o, unsigned char* const end)
+{
+    const uint64_t streamBits = static_cast<uint64_t>(streamBytes) * 8;
+    auto roomForGroup = [&] {
+        return streamBits - bitPos >= kGroupBits + kSlackBits &&
+               static_cast<uint64_t>(end - o) >= kGroupBits + kSlackBits;
+    };
+    if (!roomForGroup()) return;
+    std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[(kLanes - 1) * kLaneScratch]);
+    if (!scratch) return;
+
+    unsigned failedInARow = 0;
+    while (failedInARow < kGiveUpAfter && roomForGroup()) {
+        uint64_t pos[kLanes];
+        uint64_t limit[kLanes];
+        unsigned char* out[kLanes];
+        unsigned char* laneStart[kLanes];
+        uint64_t marks[kLanes][kMarks + 1];
+        for (unsigned j = 0; j < kLanes; ++j) {
+            pos[j] = bitPos + j * kLaneBits;
+            limit[j] = pos[j] + kLaneBits;
+            laneStart[j] = out[j] = j == 0 ? o : scratch.get() + (j - 1) * kLaneScratch;
+        }
+        for (unsigned j = 1; j < kLanes; ++j) {
+            marks[j][0] = pos[j];
+            for (unsigned k = 1; k <= kMarks; ++k) {
+                *out[j]++ = t.decodeOne(stream, streamBytes, pos[j]);
+                marks[j][k] = pos[j];
+            }
+        }
+        while (pos[0] < limit[0] && pos[1] < limit[1] && pos[2] < limit[2] && pos[3] < limit[3]) {
+            t.decodeFour(stream, pos[0], out[0]);
+            t.decodeFour(stream, pos[1], out[1]);
+            t.decodeFour(stream, pos[2], out[2]);
+            t.decodeFour(stream, pos[3], out[3]);
+        }
+        for (unsigned j = 0; j < kLanes; ++j)
+            while (pos[j] < limit[j]) t.decodeFour(stream, pos[j], out[j]);
+
+        uint64_t truePos = pos[0];
+        unsigned char* trueOut = out[0];
+        bool joined = true;
+        for (unsigned j = 1; j < kLanes && joined; ++j) {
+            unsigned k = 0;
+            for (;;) {
+                while (k <= kMarks && marks[j][k] < truePos) ++k;
+                if (k > kMarks) {
+                    joined = false;
+                    break;
+                }
+                if (marks[j][k] == truePos) break;
+                *trueOut++ = t.decodeOne(stream, streamBytes, truePos);
+            }
+            if (!joined) break;
+            const std::size_t kept = static_cast<std::size_t>(out[j] - (laneStart[j] + k));
+            std::memcpy(trueOut, laneStart[j] + k, kept);
+            trueOut += kept;
+            truePos = pos[j];
+        }
+        bitPos = truePos;
+        o = trueOut;
+        failedInARow = joined ? 0 : failedInARow + 1;
+    }
+}
 }
 
 bool decodeBody(unsigned char const* in, std::size_t inLength, unsigned char* out, std::size_t outLength)
@@ -185,61 +369,17 @@ bool decodeBody(unsigned char const* in, std::size_t inLength, unsigned char* ou
     // Any other code must be complete: every 12-bit prefix then decodes to a symbol.
     if (kraft != kTableSize) return false;
 
-    uint16_t codes[256];
-    canonicalCodes(lengths, codes);
-    uint16_t single[kTableSize];  // symbol | length << 8, indexed by the next 12 bits
-    for (unsigned s = 0; s < 256; ++s) {
-        if (!lengths[s]) continue;
-        const unsigned shift = kTableBits - lengths[s];
-        const uint16_t e = static_cast<uint16_t>(s | (lengths[s] << 8));
-        std::fill(single + (static_cast<uint32_t>(codes[s]) << shift),
-                  single + (static_cast<uint32_t>(codes[s] + 1) << shift), e);
-    }
-    // Short codes are the common ones, so each lookup also takes a second symbol when its
-    // code fits in the same 12 bits: first | second << 8 | first length << 16 |
-    // bits of both << 20 | symbols taken << 24.
-    uint32_t pair[kTableSize];
-    for (uint32_t index = 0; index < kTableSize; ++index) {
-        const unsigned first = single[index] & 0xFF;
-        const unsigned firstLength = single[index] >> 8;
-        const uint16_t next = single[(index << firstLength) & (kTableSize - 1)];
-        const unsigned nextLength = next >> 8;
-        const bool both = firstLength + nextLength <= kTableBits;
-        pair[index] = first | (both ? (next & 0xFFu) << 8 : 0) | firstLength << 16 |
-                      (both ? firstLength + nextLength : firstLength) << 20 | (both ? 2u : 1u) << 24;
-    }
-
+    const DecodeTables t(lengths);
     uint64_t bitPos = 0;
     unsigned char* o = out;
     unsigned char* const end = out + outLength;
-    // A window loaded at bitPos holds at least 57 valid bits: four lookups of up to 12.
-    // Each lookup stores two bytes and keeps one or both, so 8 bytes of output must remain.
-    while (end - o >= 8 && (bitPos >> 3) + 8 <= streamBytes) {
-        uint64_t window = compression::readBE64(stream + (bitPos >> 3)) << (bitPos & 7);
-        unsigned consumed = 0;
-        for (int k = 0; k < 4; ++k) {
-            const uint32_t e = pair[window >> (64 - kTableBits)];
-            writeLE<uint16_t>(o, static_cast<uint16_t>(e));
-            o += e >> 24;
-            const unsigned bits = (e >> 20) & 0x0F;
-            window <<= bits;
-            consumed += bits;
-        }
-        bitPos += consumed;
-    }
+    decodeLanes(t, stream, streamBytes, bitPos, o, end);
+    while (static_cast<std::size_t>(end - o) >= DecodeTables::kOutputRoom && (bitPos >> 3) + 8 <= streamBytes)
+        t.decodeFour(stream, bitPos, o);
     const uint64_t streamBits = static_cast<uint64_t>(streamBytes) * 8;
     while (o < end) {
-        // Near the end, one symbol at a time, the window filled from the remaining bytes and
-        // then zeros; a symbol that needed those zeros is caught by the length check below.
         if (bitPos >= streamBits) return false;
-        const std::size_t byte = static_cast<std::size_t>(bitPos >> 3);
-        uint64_t window = 0;
-        for (unsigned k = 0; k < 8; ++k)
-            window = (window << 8) | (byte + k < streamBytes ? stream[byte + k] : 0);
-        window <<= bitPos & 7;
-        const uint16_t e = single[window >> (64 - kTableBits)];
-        *o++ = static_cast<unsigned char>(e);
-        bitPos += e >> 8;
+        *o++ = t.decodeOne(stream, streamBytes, bitPos);
     }
     // The stream must end exactly in the byte of the last code, its padding bits zero.
     if (bitPos > streamBits || (bitPos + 7) / 8 != streamBytes) return false;
