@@ -70,9 +70,16 @@ bool nk_telegram::checkCompression(tBlob* content, tBlob* out)
 {
     if (!content || content->size() == 0 || !out || !m_bCompressionAllowed) return false;
     const unsigned int plain = content->size();
-    // Both sizes come from one cheap pass; only the form that wins is encoded.
+    // Both sizes come from one cheap pass; only the form that wins is encoded. Short content
+    // never pays with Huffman (its table alone is 128 bytes), so there the byte counts and the
+    // code construction are skipped: the choice is the same, at a fraction of the work.
     unsigned int rle = 0, huffman = 0;
-    tCompression::encodedSizes(content->getBuffer(), plain, rle, huffman);
+    if (tCompression::minHuffmanSize(plain) >= plain) {
+        rle = tCompression::encodedSizeRLE(content->getBuffer(), plain);
+        huffman = ~0u;
+    } else {
+        tCompression::encodedSizes(content->getBuffer(), plain, rle, huffman);
+    }
     teCompression choice = COMPRESSION_NONE;
     if (rle < plain)
         choice = huffman < rle ? COMPRESSION_HUFF : COMPRESSION_RLE;

@@ -134,6 +134,8 @@ TEST(Compression, RoundTripsAndSizesAgree)
         tCompression::encodedSizes(data.data(), static_cast<unsigned int>(data.size()), rleSize, huffmanSize);
         EXPECT_EQ(rleSize, rle.size());
         EXPECT_EQ(huffmanSize, huffman.size());
+        EXPECT_EQ(tCompression::encodedSizeRLE(data.data(), static_cast<unsigned int>(data.size())), rleSize);
+        EXPECT_LE(tCompression::minHuffmanSize(static_cast<unsigned int>(data.size())), huffmanSize);
         EXPECT_EQ(tCompression::decodeRLE(rle), in);
         tBlob out;
         EXPECT_TRUE(tCompression::decodeHuffman(huffman, out));

@@ -21,6 +21,11 @@ public:
     // The exact sizes encodeRLE and encodeHuffman would give, from one pass over the data.
     static void encodedSizes(unsigned char const* data, unsigned int length,
                              unsigned int& rleSize, unsigned int& huffmanSize);
+    // The exact size encodeRLE would give, without the byte counts the Huffman size needs.
+    static unsigned int encodedSizeRLE(unsigned char const* data, unsigned int length);
+    // No Huffman form of length bytes is shorter than this: its header and code-length table,
+    // and at least one bit per byte.
+    static unsigned int minHuffmanSize(unsigned int length);
 };
 
 #endif

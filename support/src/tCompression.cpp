@@ -149,3 +149,14 @@ void tCompression::encodedSizes(unsigned char const* data, unsigned int length, 
     huffman::buildCodeLengths(counts, lengths);
     huffmanSize = saturate(huffman::encodedSize(length, counts, lengths));
 }
+
+unsigned int tCompression::encodedSizeRLE(unsigned char const* data, unsigned int length)
+{
+    return saturate(compression::kHeaderBytes + packbits::encodedBodySize(data, length));
+}
+
+unsigned int tCompression::minHuffmanSize(unsigned int length)
+{
+    if (length == 0) return compression::kHeaderBytes;
+    return saturate(compression::kHeaderBytes + huffman::kLengthTableBytes + (uint64_t(length) + 7) / 8);
+}
