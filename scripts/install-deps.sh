@@ -8,7 +8,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build make g++ clang libclang-rt-14-dev pkg-config
   nlohmann-json3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libasio-dev libcli11-dev python3 help2man
+  libasio-dev libcli11-dev python3 help2man tshark
 )
 if [ "${1:-}" = "--arm" ]; then
   packages+=(g++-arm-linux-gnueabihf qemu-user libssl-dev:armhf libgtest-dev:armhf libbenchmark-dev:armhf)
