@@ -352,6 +352,9 @@ def main():
         inexact = [(r["packet"], first(r, "nk.type"), first(r, "nk.version")) for r in frames
                    if "nk.msg.short" in r["experts"] or "nk.msg.extra" in r["experts"]]
         check(not inexact, "every message body read exactly to its end (not: %s)" % inexact)
+        rle = [r for r in frames if first(r, "nk.flags.compression") == "1"]
+        check(rle and all(first(r, "nk.type") for r in rle) and not any("nk.comp.bad" in r["experts"] for r in frames),
+              "RLE telegrams decompressed to their messages (%d), no compressed content refused" % len(rle))
         check_device_session(frames, packets)
         check_revisions(frames)
         check_stream_cases(frames, packets)
