@@ -364,11 +364,11 @@ end
 
 nk:register_heuristic("tcp", heuristic)
 
--- MQTT: Wireshark 4.0's MQTT dissector offers no table to hand a payload on by topic, so a
+-- MQTT: Wireshark 4.0's MQTT dissector has no dissector table by topic; it hands a payload
+-- on only through its "Message Decoding" table, which each user would have to fill in. So a
 -- small post-dissector pairs each published message with its topic and dissects the
--- payloads of nk/<fleet>/<address>/up and /down as a byte stream of frames.
+-- payloads of nk/<fleet>/<address>/up and /down (any prefix) as a byte stream of frames.
 local nk_mqtt = Proto("nk_mqtt", "nkProtocol in MQTT")
-local mqtt_topic = Field.new("mqtt.topic")
 local mqtt_msg = Field.new("mqtt.msg")
 
 local function fleet_topic(topic)
