@@ -372,7 +372,8 @@ local nk_mqtt = Proto("nk_mqtt", "nkProtocol in MQTT")
 local mqtt_msg = Field.new("mqtt.msg")
 
 local function fleet_topic(topic)
-    return topic and (topic:match("^[^/]+/[^/]+/%d+/up$") or topic:match("^[^/]+/[^/]+/%d+/down$"))
+    -- <prefix>/<fleet>/<address>/up|down; the prefix is configurable and may hold slashes
+    return topic and (topic:match("^.+/[^/]+/%d+/up$") or topic:match("^.+/[^/]+/%d+/down$"))
 end
 
 function nk_mqtt.dissector(tvb, pinfo, tree)
