@@ -1,6 +1,7 @@
 #ifndef NK_TVECTOR_H
 #define NK_TVECTOR_H
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -8,27 +9,23 @@
 
 namespace nk_detail
 {
-// Bubble sort that remembers where the last swap happened. The comparator answers whether
-// the left neighbour belongs after the right one; neighbours for which it is false stay in
-// order, so the sort is stable. It works in place and allocates nothing.
+// The order of a stable bubble sort that exchanges neighbours while the comparator says the
+// left one belongs after the right one, in O(n log n): for a comparator that is a strict weak
+// order ("a belongs after b"), that bubble sort never exchanges two equivalent elements and
+// stops only when no neighbours are out of order, so its result is the one stable ascending
+// order, which std::stable_sort gives with the arguments of the comparator exchanged.
 template <typename T, typename Cmp>
-void lastSwapBubbleSort(std::vector<T>& v, Cmp cmp)
+void stableSortAfter(std::vector<T>& v, Cmp cmp)
 {
-    std::size_t n = v.size();
-    while (n > 1) {
-        std::size_t last = 1;
-        for (std::size_t i = 0; i + 1 < n; ++i) {
-            if (cmp(v[i], v[i + 1])) {
-                std::swap(v[i], v[i + 1]);
-                last = i + 1;
-            }
-        }
-        n = last;
-    }
+    // The registered comparators take non-const references (a fixed interface); the sort
+    // passes some elements as const ones, which the comparators only read.
+    std::stable_sort(v.begin(), v.end(),
+                     [cmp](T const& a, T const& b) { return cmp(const_cast<T&>(b), const_cast<T&>(a)); });
 }
 }
 
-// A vector with a registered comparator and a stable sort. Not synchronised.
+// A vector with a registered comparator and a stable sort. The comparator answers whether its
+// first argument belongs after its second and must be a strict weak order. Not synchronised.
 template <typename T>
 class tVector : public std::vector<T>
 {
@@ -48,7 +45,7 @@ public:
     void sort()
     {
         if (m_cmp == nullptr || this->size() < 2) return;
-        nk_detail::lastSwapBubbleSort(*this, m_cmp);
+        nk_detail::stableSortAfter(*this, m_cmp);
     }
 
 private:
@@ -86,7 +83,7 @@ public:
     {
         tCriticalSectionLock lock(m_lock);
         if (m_cmp == nullptr) return;
-        nk_detail::lastSwapBubbleSort(*this, m_cmp);
+        nk_detail::stableSortAfter(*this, m_cmp);
     }
     void clearVector()
     {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "nk_message.h"
 #include "tVector.h"
 
@@ -11,6 +13,21 @@ struct tItem
     int order;
 };
 bool greaterKey(tItem& a, tItem& b) { return a.key > b.key; }
+bool smallerKey(tItem& a, tItem& b) { return a.key < b.key; }
+
+// The neighbour-exchange sort the vectors used before, as the reference for their order.
+void referenceBubbleSort(std::vector<tItem>& v, bool (*belongsAfter)(tItem&, tItem&))
+{
+    for (std::size_t n = v.size(); n > 1;) {
+        std::size_t last = 1;
+        for (std::size_t i = 0; i + 1 < n; ++i)
+            if (belongsAfter(v[i], v[i + 1])) {
+                std::swap(v[i], v[i + 1]);
+                last = i + 1;
+            }
+        n = last;
+    }
+}
 
 int s_deleted = 0;
 struct tCounted
@@ -45,6 +62,38 @@ TEST(Vector, SortIsStableAscendingAndNeedsAComparator)
     EXPECT_EQ(u.get(3), 0u);
     unsigned long long a = 4;
     EXPECT_FALSE(sortU64(a, a));
+}
+
+TEST(Vector, SortGivesTheOrderOfTheNeighbourExchangeSortOnRandomInput)
+{
+    std::mt19937 rng(11);
+    for (int round = 0; round < 200; ++round) {
+        const int n = static_cast<int>(rng() % 300);
+        const int keys = 1 + static_cast<int>(rng() % 8);  // few keys: many equal elements
+        bool (*cmp)(tItem&, tItem&) = round % 2 ? greaterKey : smallerKey;
+        std::vector<tItem> input;
+        for (int i = 0; i < n; ++i) input.push_back({static_cast<int>(rng() % keys), i});
+
+        std::vector<tItem> expected = input;
+        referenceBubbleSort(expected, cmp);
+        tVector<tItem> plain;
+        plain.assign(input.begin(), input.end());
+        plain.sort(cmp);
+        tVector_TS<tItem*> locked(false);
+        for (tItem& item : input) locked.push_back(&item);
+        locked.sort([](tItem*& a, tItem*& b) { return a->key > b->key; });
+
+        std::vector<int> expectedAscending;
+        {
+            std::vector<tItem> asc = input;
+            referenceBubbleSort(asc, greaterKey);
+            for (tItem const& item : asc) expectedAscending.push_back(item.order);
+        }
+        for (int i = 0; i < n; ++i) {
+            ASSERT_EQ(plain[i].order, expected[i].order) << "round " << round << " position " << i;
+            ASSERT_EQ(locked[i]->order, expectedAscending[i]) << "round " << round << " position " << i;
+        }
+    }
 }
 
 TEST(Vector, ThreadSafeVariantOwnsWhenAsked)
