@@ -58,7 +58,9 @@ public:
     tString checksum(teVersion version) const;
 
 private:
+    static nk_messageSchedule* copyOf(nk_messageSchedule const* schedule);
     void appendCopyOf(nk_messageSchedule const* schedule);
+    bool mergeItself();
     void copyFrom(nk_messageSetSchedulesReq const& other);
 
     tVector_TS<nk_messageSchedule*> m_schedules;

@@ -1,5 +1,11 @@
 #include "nk_messageSetSchedules.h"
 
+#include <algorithm>
+#include <deque>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
 #include "SHA1.h"
 #include "tTime.h"
 
@@ -117,14 +123,18 @@ void nk_messageSetSchedulesReq::getRequiredImageUidList(tUidList& list) const
     }
 }
 
-void nk_messageSetSchedulesReq::appendCopyOf(nk_messageSchedule const* schedule)
+nk_messageSchedule* nk_messageSetSchedulesReq::copyOf(nk_messageSchedule const* schedule)
 {
-    nk_messageSchedule* copy = addSchedule_(schedule->id(), schedule->name(), schedule->startTime(),
-                                            schedule->stopTime(), schedule->flags(), schedule->showOnLogicalDisplay());
+    nk_messageSchedule* copy = new nk_messageSchedule(schedule->id(), schedule->name(), schedule->startTime(),
+                                                      schedule->stopTime(), schedule->flags(),
+                                                      schedule->showOnLogicalDisplay());
     nk_messageScheduleEntry* e;
     for (unsigned int k = 0; (e = schedule->getScheduleEntry(k)) != nullptr; ++k)
         copy->addScheduleEntry(e->id(), e->name(), e->duration(), e->imageId(), false);
+    return copy;
 }
+
+void nk_messageSetSchedulesReq::appendCopyOf(nk_messageSchedule const* schedule) { addSchedule(copyOf(schedule)); }
 
 void nk_messageSetSchedulesReq::copyFrom(nk_messageSetSchedulesReq const& other)
 {
@@ -143,26 +153,64 @@ void nk_messageSetSchedulesReq::setSchedulesFrom(nk_messageSetSchedulesReq* othe
 bool nk_messageSetSchedulesReq::setSchedulesFromWithoutClear(nk_messageSetSchedulesReq* other)
 {
     if (other == nullptr) return false;
+    if (other == this) return mergeItself();
+
+    // The list is rebuilt once instead of being searched and shifted for every schedule:
+    // removed slots become null and are dropped at the end, and for each id the schedules
+    // that carry it wait in list order, so "the first schedule with this id" is the front of
+    // its queue (only that one is ever removed, and copies join at the back).
+    std::vector<nk_messageSchedule*> slots(m_schedules.begin(), m_schedules.end());
+    std::unordered_map<unsigned long long, std::deque<std::size_t>> byId;
+    for (std::size_t i = 0; i < slots.size(); ++i) byId[slots[i]->id()].push_back(i);
+
     nk_messageSchedule* incoming;
     for (unsigned int i = 0; (incoming = other->getSchedule(i)) != nullptr; ++i) {
-        nk_messageSchedule* present = schedulePresent(incoming);
-        if (present != nullptr && present->compare(incoming)) continue;  // keeps its handled marks
-        if (present != nullptr) removeSchedule(present);
-        appendCopyOf(incoming);  // a changed schedule moves to the end
+        std::deque<std::size_t>& sameId = byId[incoming->id()];
+        if (!sameId.empty()) {
+            nk_messageSchedule*& present = slots[sameId.front()];
+            if (present->compare(incoming)) continue;  // keeps its handled marks
+            delete present;
+            present = nullptr;
+            sameId.pop_front();
+        }
+        sameId.push_back(slots.size());
+        slots.push_back(copyOf(incoming));  // a changed schedule moves to the end
     }
+    slots.erase(std::remove(slots.begin(), slots.end(), nullptr), slots.end());
 
     // The walk does not step back after a removal: the schedule that moves into the freed
     // slot is not examined, so of two adjacent outdated schedules the second survives until
     // the next merge. Devices in the field behave so and stations expect it; it stays.
+    std::unordered_set<unsigned long long> wanted;
+    for (unsigned int i = 0; (incoming = other->getSchedule(i)) != nullptr; ++i) wanted.insert(incoming->id());
     bool dropped = false;
-    nk_messageSchedule* held;
-    for (unsigned int i = 0; (held = getSchedule(i)) != nullptr; ++i) {
-        if (other->schedulePresent(held) == nullptr) {
-            removeSchedule(held);
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < slots.size(); ++i) {
+        if (wanted.count(slots[i]->id()) == 0) {
+            delete slots[i];
             dropped = true;
+            if (i + 1 < slots.size()) slots[kept++] = slots[++i];  // the one that moves up
+            continue;
         }
+        slots[kept++] = slots[i];
     }
+    slots.resize(kept);
+    m_schedules.assign(slots.begin(), slots.end());
     return dropped;
+}
+
+// A set merged into itself walks the very list it changes; that walk is kept as it always
+// was. It is quadratic, but only a program that merges a set into itself reaches it.
+bool nk_messageSetSchedulesReq::mergeItself()
+{
+    nk_messageSchedule* incoming;
+    for (unsigned int i = 0; (incoming = getSchedule(i)) != nullptr; ++i) {
+        nk_messageSchedule* present = schedulePresent(incoming);
+        if (present->compare(incoming)) continue;
+        removeSchedule(present);
+        appendCopyOf(incoming);
+    }
+    return false;  // every schedule of the set is in the set
 }
 
 tString nk_messageSetSchedulesReq::checksum(teVersion version) const

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -247,6 +248,82 @@ TEST(SchedulesStore, MergeCopyAndLookups)
     nk_messageSchedule* s = images.addSchedule_(3, "t", "2024-03-01 08:30:00.000", "", 0, 0);
     EXPECT_EQ(s->startTime(), 1709281800LL);
     EXPECT_EQ(s->stopTime(), 0);
+}
+
+namespace
+{
+// The merge as the device always did it, by searching and shifting the list itself, on a
+// model of the list: each element is a held schedule (by its position before the merge) or
+// a copy of an incoming one (by its position in the incoming set).
+struct tMergeModel
+{
+    unsigned long long id;
+    int version;
+    int held;      // position in the held set, or -1 for a copy
+    int incoming;  // position in the incoming set, or -1
+};
+
+bool referenceMerge(std::vector<tMergeModel>& list, std::vector<tMergeModel> const& other)
+{
+    auto firstWithId = [](std::vector<tMergeModel> const& l, unsigned long long id) {
+        for (std::size_t i = 0; i < l.size(); ++i)
+            if (l[i].id == id) return static_cast<int>(i);
+        return -1;
+    };
+    for (tMergeModel const& in : other) {
+        int present = firstWithId(list, in.id);
+        if (present >= 0 && list[present].version == in.version) continue;
+        if (present >= 0) list.erase(list.begin() + present);
+        list.push_back({in.id, in.version, -1, in.incoming});
+    }
+    bool dropped = false;
+    for (std::size_t i = 0; i < list.size(); ++i)
+        if (firstWithId(other, list[i].id) < 0) {
+            list.erase(list.begin() + static_cast<long>(i));
+            dropped = true;
+        }
+    return dropped;
+}
+}
+
+TEST(SchedulesStore, MergeMatchesTheListWalkOnRandomSetsWithRepeatedIds)
+{
+    std::mt19937 rng(5);
+    for (int round = 0; round < 300; ++round) {
+        const unsigned ids = 1 + rng() % 12;  // few ids: repeats, changes and drops
+        Req held(nk_message::VERSION_2), incoming(nk_message::VERSION_2);
+        std::vector<tMergeModel> model, other;
+        std::vector<nk_messageSchedule*> heldBefore;
+        for (unsigned i = 0, n = rng() % 16; i < n; ++i) {
+            tMergeModel m{rng() % ids, static_cast<int>(rng() % 2), static_cast<int>(i), -1};
+            model.push_back(m);
+            heldBefore.push_back(addTwoEntrySchedule(held, m.id, "s", 10 + m.version));
+        }
+        for (unsigned i = 0, n = rng() % 16; i < n; ++i) {
+            tMergeModel m{rng() % ids, static_cast<int>(rng() % 2), -1, static_cast<int>(i)};
+            other.push_back(m);
+            addTwoEntrySchedule(incoming, m.id, "s", 10 + m.version);
+        }
+
+        const bool expectedDrop = referenceMerge(model, other);
+        ASSERT_EQ(held.setSchedulesFromWithoutClear(&incoming), expectedDrop) << "round " << round;
+        ASSERT_EQ(held.count(), model.size()) << "round " << round;
+        for (std::size_t i = 0; i < model.size(); ++i) {
+            nk_messageSchedule* s = held.getSchedule(static_cast<unsigned>(i));
+            ASSERT_EQ(s->id(), model[i].id) << "round " << round << " position " << i;
+            ASSERT_EQ(s->getScheduleEntry(0)->duration(), 10u + model[i].version);
+            if (model[i].held >= 0)
+                EXPECT_EQ(s, heldBefore[model[i].held]) << "a kept schedule stays the same object";
+            else
+                EXPECT_NE(s, incoming.getSchedule(model[i].incoming)) << "a changed one is a copy";
+        }
+    }
+
+    // A set merged into itself changes nothing when its ids are distinct.
+    Req self(nk_message::VERSION_2);
+    for (unsigned long long id = 1; id <= 4; ++id) addTwoEntrySchedule(self, id);
+    EXPECT_FALSE(self.setSchedulesFromWithoutClear(&self));
+    EXPECT_EQ(ids(self), (std::vector<unsigned long long>{1, 2, 3, 4}));
 }
 
 TEST(SchedulesJson, WriterAndTheReadersAsymmetries)
