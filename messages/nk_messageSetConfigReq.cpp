@@ -1,6 +1,10 @@
 #include "nk_messageSetConfig.h"
 
+#include <optional>
+#include <vector>
+
 #include "SHA1.h"
+#include "frameBulkStore_internal.h"
 
 namespace
 {
@@ -69,6 +73,10 @@ bool nk_messageSetConfigReq::serializeFrames(nk_serializer* ser, nk_serializer::
     unsigned int m = dir == nk_serializer::SER_WRITE ? frm_count() : 0;
     if (!ser->u32(m, dir)) return false;
     if (dir == nk_serializer::SER_READ) frm_clear();
+    // A read holds the frame lock throughout: the bulk store's index must see every change.
+    tCriticalSectionLock lock(m_frameLock);
+    std::optional<tFrameBulkStore> store;
+    if (dir == nk_serializer::SER_READ) store.emplace(m_frames);
     for (unsigned int i = 0; i < m; ++i) {
         tFrame frame;
         if (dir == nk_serializer::SER_WRITE && !frame_get_ts(i, &frame)) return false;
@@ -79,7 +87,7 @@ bool nk_messageSetConfigReq::serializeFrames(nk_serializer* ser, nk_serializer::
             !ser->u16(height, dir) || !ser->u16(id, dir) || !ser->u16(logDisp, dir) || !ser->u16(timeout, dir))
             return false;
         // A received id below 10 gets a fresh id; a repeated id updates the earlier frame.
-        if (dir == nk_serializer::SER_READ) frm_change_ts(name, left, top, width, height, id, logDisp, timeout);
+        if (dir == nk_serializer::SER_READ) store->change(tFrame(name, left, top, width, height, id, logDisp, timeout));
     }
     return true;
 }
@@ -153,12 +161,16 @@ bool nk_messageSetConfigReq::serializeFromJson(tJson* json)
     m_deviceName = json->getString("deviceName");
 
     frm_clear();
+    tCriticalSectionLock lock(m_frameLock);
+    tFrameBulkStore store(m_frames);
     for (unsigned int i = 0; json->getArrayObject("frames", i, o); ++i)
-        frm_change_ts(o.getString("name"), static_cast<unsigned short>(o.getInt("left", 0)),
-                      static_cast<unsigned short>(o.getInt("top", 0)), static_cast<unsigned short>(o.getInt("width", 0)),
-                      static_cast<unsigned short>(o.getInt("height", 0)), static_cast<unsigned short>(o.getInt("id", 0)),
-                      static_cast<unsigned short>(o.getInt("logDisp", 0)),
-                      static_cast<unsigned short>(o.getInt("realtimeTimeout", 0)));
+        store.change(tFrame(o.getString("name"), static_cast<unsigned short>(o.getInt("left", 0)),
+                            static_cast<unsigned short>(o.getInt("top", 0)),
+                            static_cast<unsigned short>(o.getInt("width", 0)),
+                            static_cast<unsigned short>(o.getInt("height", 0)),
+                            static_cast<unsigned short>(o.getInt("id", 0)),
+                            static_cast<unsigned short>(o.getInt("logDisp", 0)),
+                            static_cast<unsigned short>(o.getInt("realtimeTimeout", 0))));
     return true;
 }
 
@@ -197,10 +209,14 @@ void nk_messageSetConfigReq::setConfigFrom(nk_messageSetConfigReq* other)
     other->timeslots_get(&slots);
     timeslots_set(&slots);
 
-    frm_clear();
+    // The frames too, so that the two frame locks are never held together.
+    std::vector<tFrame> frames;
     tFrame f;
-    for (unsigned int i = 0; other->frame_get_ts(i, &f); ++i)
-        frm_change_ts(f.name(), f.left(), f.top(), f.width(), f.height(), f.id(), f.logDisp(), f.realtimeTimeout());
+    for (unsigned int i = 0; other->frame_get_ts(i, &f); ++i) frames.push_back(f);
+    frm_clear();
+    tCriticalSectionLock lock(m_frameLock);
+    tFrameBulkStore store(m_frames);
+    for (tFrame const& frame : frames) store.change(frame);
 }
 
 tString nk_messageSetConfigReq::operatingModeName() const

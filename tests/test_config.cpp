@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -121,6 +122,93 @@ TEST(Frames, IdsAreChosenKeptAndUpdated)
     EXPECT_EQ(c.frm_count(), 2);
     EXPECT_FALSE(c.frame_get_ts(2, &f));
     EXPECT_FALSE(c.frm_getById(42, nullptr));
+}
+
+namespace
+{
+// Every stored frame as "id:name", in list order.
+std::vector<std::string> framesOf(nk_messageSetConfigReq const& c)
+{
+    std::vector<std::string> out;
+    tFrame f;
+    for (unsigned int i = 0; c.frame_get_ts(i, &f); ++i) out.push_back(std::to_string(f.id()) + ":" + f.name().c_str());
+    return out;
+}
+}
+
+TEST(Frames, BulkReadsFollowTheRulesOfOneChangeAtATime)
+{
+    std::mt19937 rng(3);
+    for (int round = 0; round < 100; ++round) {
+        // Ids below 10 ask for a fresh one; a few ids from 10 up collide with fresh ones and
+        // with each other, so updates and fresh ids interleave.
+        std::vector<tFrame> frames;
+        for (unsigned i = 0, n = rng() % 40; i < n; ++i) {
+            unsigned short id = static_cast<unsigned short>(rng() % 2 ? rng() % 10 : 10 + rng() % 20);
+            frames.emplace_back(("f" + std::to_string(i)).c_str(), i, 0, 10, 10, id, 1, 5);
+        }
+        nk_messageSetConfigReq reference(nk_message::VERSION_3);
+        tJson json;
+        json.addString("action", "config");
+        json.addString("type", "request");
+        json.addInt("tv", 3);
+        nk_messageSetConfigReq empty(nk_message::VERSION_3);
+        Bytes wire = body(empty);
+        wire.resize(wire.size() - 4);  // the frame count of an empty list
+        nk_serializer framesBody;
+        unsigned int count = static_cast<unsigned int>(frames.size());
+        framesBody.u32(count, nk_serializer::SER_WRITE);
+        for (tFrame f : frames) {
+            reference.frm_change_ts(f.name(), f.left(), f.top(), f.width(), f.height(), f.id(), f.logDisp(),
+                                    f.realtimeTimeout());
+            tJson o;
+            o.addString("name", f.name());
+            o.addInt("left", f.left());
+            o.addInt("width", 10);
+            o.addInt("height", 10);
+            o.addInt("id", f.id());
+            o.addInt("logDisp", 1);
+            o.addInt("realtimeTimeout", 5);
+            json.addToArray("frames", o);
+            tString name = f.name();
+            unsigned short left = f.left(), top = 0, w = 10, h = 10, id = f.id(), logDisp = 1, timeout = 5;
+            framesBody.string(name, nk_serializer::SER_WRITE);
+            for (unsigned short* v : {&left, &top, &w, &h, &id, &logDisp, &timeout}) framesBody.u16(*v, nk_serializer::SER_WRITE);
+        }
+        Bytes framesBytes = bytesOf(framesBody);
+        wire.insert(wire.end(), framesBytes.begin(), framesBytes.end());
+
+        nk_serializer in;
+        in.append(wire.data(), static_cast<unsigned int>(wire.size()));
+        nk_messageSetConfigReq fromWire(&in, nk_message::VERSION_3);
+        nk_messageSetConfigReq fromJson(nk_message::VERSION_3);
+        ASSERT_TRUE(fromJson.serializeFromJson(&json));
+        nk_messageSetConfigReq copied(nk_message::VERSION_3);
+        copied.frm_change_ts("old", 0, 0, 1, 1, 10, 0, 0);  // replaced by the copy
+        copied.setConfigFrom(&reference);
+
+        ASSERT_EQ(framesOf(fromWire), framesOf(reference)) << "round " << round;
+        ASSERT_EQ(framesOf(fromJson), framesOf(reference)) << "round " << round;
+        ASSERT_EQ(framesOf(copied), framesOf(reference)) << "round " << round;
+    }
+
+    // With every id from 10 up taken, a frame that asks for a fresh id is not stored.
+    std::vector<tFrame> all;
+    nk_messageSetConfigReq full(nk_message::VERSION_3);
+    tJson json;
+    json.addString("action", "config");
+    json.addString("type", "request");
+    json.addInt("tv", 3);
+    for (unsigned int id = 10; id <= 0xFFFF; ++id) {
+        tJson o;
+        o.addInt("id", id % 2 ? 0 : id);  // half fresh, half given
+        json.addToArray("frames", o);
+    }
+    tJson extra;
+    json.addToArray("frames", extra);
+    ASSERT_TRUE(full.serializeFromJson(&json));
+    EXPECT_EQ(full.frm_count(), 65526);
+    EXPECT_EQ(full.getNewFrameId(10), 0);
 }
 
 TEST(ConfigWire, DefaultBodyRevisionsAndFactory)
