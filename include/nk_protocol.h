@@ -100,11 +100,11 @@ private:
 
     // Where each open incoming context sits in the incoming list, by (telegram id, source,
     // destination): a peer that opens many contexts does not make every later part search
-    // them all. Guarded by the incoming lock. Slots before m_firstIncomingHole keep their
-    // places when the list is compacted, so only those behind it are renumbered.
+    // them all. Guarded by the incoming lock. Dropped contexts leave null slots, counted in
+    // m_incomingHoles; the list is compacted and renumbered once they are half of it.
     typedef std::tuple<unsigned int, unsigned int, unsigned int> tContextKey;
     std::map<tContextKey, std::size_t> m_incomingIndex;
-    std::size_t m_firstIncomingHole;
+    std::size_t m_incomingHoles;
 
     // Where the first start and end bytes of the stream are, as far as it has been
     // searched: new bytes are searched once, not again on every poll while a large frame

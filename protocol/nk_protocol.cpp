@@ -15,8 +15,6 @@ const unsigned char kFrameEnd = 0x02;
 // sent a large telegram does not hold that much while idle.
 const unsigned int kLargeBuffer = 65536;
 
-const std::size_t kNoHole = static_cast<std::size_t>(-1);
-
 template <typename T>
 void eraseNulls(tVector<T*>& list)
 {
@@ -36,7 +34,7 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
                          tProtLogFcn logFcn, void* logContext, tOutputFcn logOutput)
     : tLog(logContext, logOutput), m_u32OwnAddress(ownAddress), m_csIncoming(true), m_csOutgoing(true),
       m_pRecvCb(recvCb), m_pStream(new tBlob()), m_bNewData(false), m_pContext(context),
-      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_firstIncomingHole(kNoHole),
+      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_incomingHoles(0),
       m_u32Searched(0),
       m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
       m_bSpareFromThisPoll(false), m_u32StreamPeak(0)
@@ -52,6 +50,7 @@ nk_protocol::~nk_protocol()
         for (nk_telegram* t : m_incoming) delete t;
         m_incoming.clear();
         m_incomingIndex.clear();
+        m_incomingHoles = 0;
     }
     {
         tCriticalSectionLock lock(m_csOutgoing);
@@ -413,18 +412,20 @@ void nk_protocol::dropIncoming(std::size_t index)
     m_incomingIndex.erase(contextKey(t));
     delete t;
     t = nullptr;
-    if (index < m_firstIncomingHole) m_firstIncomingHole = index;
+    ++m_incomingHoles;
 }
 
 void nk_protocol::eraseDeletedTelegrams_TS()
 {
     {
         tCriticalSectionLock lock(m_csIncoming);
-        if (m_firstIncomingHole != kNoHole) {
-            const std::size_t from = m_firstIncomingHole;
-            m_incoming.erase(std::remove(m_incoming.begin() + from, m_incoming.end(), nullptr), m_incoming.end());
-            for (std::size_t i = from; i < m_incoming.size(); ++i) m_incomingIndex[contextKey(m_incoming[i])] = i;
-            m_firstIncomingHole = kNoHole;
+        // Compacting renumbers every context behind the first hole, so it waits until the
+        // holes are at least half of the list: each compaction then costs no more than the
+        // drops since the last one, however the contexts complete.
+        if (m_incomingHoles != 0 && m_incomingHoles * 2 >= m_incoming.size()) {
+            eraseNulls(m_incoming);
+            for (std::size_t i = 0; i < m_incoming.size(); ++i) m_incomingIndex[contextKey(m_incoming[i])] = i;
+            m_incomingHoles = 0;
         }
     }
     tCriticalSectionLock lock(m_csOutgoing);

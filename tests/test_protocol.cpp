@@ -306,6 +306,47 @@ TEST(Protocol, MultiPartContentBothWaysCompressedOrNot)
     EXPECT_EQ(b.engine.incomingTelegrams_TS(), 1u);
 }
 
+TEST(Protocol, ContextsCompletedInOpeningOrderOnePollEachStayWhereTheyAre)
+{
+    // Dropped contexts leave holes that are compacted only from time to time: every part
+    // must still find its own context before and after each compaction.
+    Endpoint b(2);
+    b.answer = Endpoint::NOTHING;
+    auto frame = [](tBlob& out, unsigned int id, unsigned int partId, bool last) {
+        tBlob payload = randomBlob(4, id * 10 + partId);
+        nk_telegramPart part(id, 1, 2, partId, 0, last, &payload, nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE,
+                             nk_basicTelegram::COMPRESSION_NONE);
+        part.serialize(&out);
+    };
+    const unsigned int n = 300;
+    tBlob frames;
+    for (unsigned int id = 5000; id < 5000 + n; ++id) frame(frames, id, 1, false);
+    b.engine.pushData(frames.getBuffer(), frames.size());
+    b.poll();
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), n);
+    std::vector<bool> fed(n, false);
+    for (unsigned int i = 0; i < n; ++i) {
+        frames.clear();
+        frame(frames, 5000 + i, fed[i] ? 3 : 2, true);  // completes the oldest open one
+        const unsigned int later = n - 1 - i / 2;
+        if (later > i && !fed[later]) {  // and feeds one opened later
+            frame(frames, 5000 + later, 2, false);
+            fed[later] = true;
+        }
+        b.engine.pushData(frames.getBuffer(), frames.size());
+        b.poll();
+        ASSERT_EQ(b.requests.size(), i + 1);
+        ASSERT_EQ(b.engine.incomingTelegrams_TS(), n - 1 - i);
+    }
+    for (unsigned int i = 0; i < n; ++i) {
+        const unsigned int id = 5000 + i;
+        tBlob joined = randomBlob(4, id * 10 + 1);
+        joined.append(randomBlob(4, id * 10 + 2));
+        if (fed[i]) joined.append(randomBlob(4, id * 10 + 3));
+        ASSERT_EQ(b.requests[i].content, joined) << id;
+    }
+}
+
 TEST(Protocol, CorruptAndTruncatedFramesBetweenGoodOnes)
 {
     Endpoint b(2);
