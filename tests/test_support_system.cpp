@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,48 @@ TEST(tTime, KnownDatesAndSetters)
     tTime::sleep(20);
     EXPECT_GE(tTime::now(), before);
     EXPECT_GT(before, 1700000000LL);
+}
+
+TEST(tTime, EveryTimeAtBothEndsOfTheRangeHasDefinedFields)
+{
+    // The sanitizer build turns any overflow here into a failure; the fields are checked
+    // against 128-bit arithmetic, and setting each field to its own value changes nothing.
+    const long long lowest = std::numeric_limits<long long>::min();
+    const long long highest = std::numeric_limits<long long>::max();
+    std::vector<long long> times;
+    for (long long k = 0; k < 3; ++k) {
+        for (long long off : {0LL, 1LL, 55806LL, 55807LL, 55808LL, 86399LL, 86400LL, 200000LL}) {
+            times.push_back(lowest + off + k * 86400 * 400);
+            times.push_back(highest - off - k * 86400 * 400);
+        }
+    }
+    for (long long t : times) {
+        __int128 wide = t;
+        const long long dayTime = static_cast<long long>(((wide % 86400) + 86400) % 86400);
+        tTime time(t);
+        EXPECT_EQ(time.dayTimeSeconds(), static_cast<unsigned int>(dayTime)) << t;
+        EXPECT_EQ(time.getHour(), dayTime / 3600) << t;
+        EXPECT_EQ(time.getMinute(), dayTime / 60 % 60) << t;
+        EXPECT_EQ(time.getSecond(), dayTime % 60) << t;
+        EXPECT_GE(time.getMonth(), 1);
+        EXPECT_LE(time.getMDay(), 31);
+        tTime same(t);
+        same.second(static_cast<unsigned char>(time.getSecond()));
+        same.minute(static_cast<unsigned char>(time.getMinute()));
+        same.hour(static_cast<unsigned char>(time.getHour()));
+        same.mDay(static_cast<unsigned char>(time.getMDay()));
+        EXPECT_EQ(same.timeSec(), t);
+        // Setters beyond the range wrap modulo 2^64 (defined, never undefined).
+        tTime moved(t);
+        moved.hour(200);
+        const unsigned long long expected = static_cast<unsigned long long>(t) - static_cast<unsigned long long>(dayTime) + 200ull * 3600 +
+                                            static_cast<unsigned long long>(time.getMinute() * 60 + time.getSecond());
+        EXPECT_EQ(static_cast<unsigned long long>(moved.timeSec()), expected) << t;
+        moved.year(1970);
+        moved.month(1);
+        moved.mDay(1);
+        EXPECT_EQ(moved.dayTimeSeconds(), tTime(moved.timeSec()).dayTimeSeconds());
+    }
 }
 
 namespace

@@ -15,9 +15,12 @@ long long floorDiv(long long a, long long b)
     return (a % b != 0 && ((a < 0) != (b < 0))) ? q - 1 : q;
 }
 
+// For b > 0. Not a - floorDiv(a, b) * b: near the lowest 64-bit value that product is below
+// the range, and the remainder alone is always defined.
 long long floorMod(long long a, long long b)
 {
-    return a - floorDiv(a, b) * b;
+    const long long r = a % b;
+    return r < 0 ? r + b : r;
 }
 
 // Days since 1970-01-01 of a date whose month is 1 to 12 (the day may be out of range).
@@ -65,7 +68,7 @@ tTime::Civil tTime::civil() const
 {
     Civil c{};
     const long long days = floorDiv(m_sec, kSecondsPerDay);
-    const long long rest = m_sec - days * kSecondsPerDay;
+    const long long rest = floorMod(m_sec, kSecondsPerDay);
     civilFromDays(days, c.y, c.mo, c.d);
     c.h = static_cast<int>(rest / 3600);
     c.mi = static_cast<int>(rest / 60 % 60);
@@ -80,7 +83,9 @@ void tTime::setCivil(Civil const& c)
     const long long y = c.y + floorDiv(monthIndex, 12);
     const int m = static_cast<int>(floorMod(monthIndex, 12)) + 1;
     const long long days = daysFromCivil(y, m, 1) + c.d - 1;
-    // Unsigned arithmetic: a wrap at the far ends of the range is defined, not undefined.
+    // Unsigned arithmetic: a result beyond the 64-bit range wraps (modulo 2^64) instead of
+    // being undefined, and a time at either end that is set to its own fields comes back
+    // unchanged, as the sum wraps back into the range.
     unsigned long long s = static_cast<unsigned long long>(days) * kSecondsPerDay;
     s += static_cast<unsigned long long>(static_cast<long long>(c.h) * 3600 + static_cast<long long>(c.mi) * 60 + c.s);
     m_sec = static_cast<long long>(s);
