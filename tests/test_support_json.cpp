@@ -1,7 +1,10 @@
 // tJson: the compact text is checksummed by peers, so its bytes are fixed exactly.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
+
+#include <nlohmann/json.hpp>
 
 #include "tJson.h"
 
@@ -116,4 +119,63 @@ TEST(tJson, HostileTextNeverThrows)
     EXPECT_TRUE(j.parse(fine));
     // Brackets inside strings do not count as nesting.
     EXPECT_TRUE(j.parse("{\"a\":\"" + std::string(1000, '[') + "\\\"\"}"));
+}
+
+TEST(tJson, LargeObjectsReadAndChangeAsTheOrderedMapDoes)
+{
+    // The reference is the ordered map read directly: members keep their first position,
+    // a repeated key takes its last value, at every level and on both sides of the size
+    // from which members are found through an index.
+    using Ordered = nlohmann::ordered_json;
+    std::mt19937 rng(17);
+    for (int round = 0; round < 200; ++round) {
+        const unsigned keys = 1 + rng() % 40;
+        auto randomObject = [&](auto& self, int depth) -> std::string {
+            std::string text = "{";
+            for (unsigned i = 0, n = rng() % 30; i < n; ++i) {
+                if (i) text += ",";
+                text += "\"k" + std::to_string(rng() % keys) + "\":";
+                if (depth < 2 && rng() % 5 == 0)
+                    text += self(self, depth + 1);
+                else if (rng() % 4 == 0)
+                    text += "[" + std::to_string(rng() % 100) + ",{\"a\":1,\"a\":2}]";
+                else
+                    text += std::to_string(rng() % 1000);
+            }
+            return text + "}";
+        };
+        const std::string text = randomObject(randomObject, 0);
+        Ordered expected = Ordered::parse(text);
+        tJson j;
+        ASSERT_TRUE(j.parse(text.c_str()));
+        ASSERT_EQ(std::string(j.getJson(false).c_str()), expected.dump()) << text;
+
+        // Changes through tJson: an existing member keeps its place, a new one goes last.
+        const std::string changed = "k" + std::to_string(rng() % keys);
+        j.addInt(changed.c_str(), -1);
+        expected[changed] = -1;
+        j.addString("new", "x");
+        expected["new"] = "x";
+        ASSERT_EQ(std::string(j.getJson(false).c_str()), expected.dump()) << text;
+        for (unsigned k = 0; k < keys; ++k) {
+            const std::string key = "k" + std::to_string(k);
+            EXPECT_EQ(j.has(key.c_str()), expected.contains(key)) << key;
+            if (expected.contains(key) && expected[key].is_number_integer())
+                EXPECT_EQ(j.getInt(key.c_str(), 7), expected[key].get<long long>()) << key;
+        }
+        tJson copy = j;
+        EXPECT_EQ(copy.getString("new"), "x");
+        tJson inner;
+        if (j.getObject(changed.c_str(), inner)) EXPECT_TRUE(inner.isEmpty());  // replaced by -1
+    }
+
+    // Many members, each found again after the read.
+    std::string big = "{";
+    for (int i = 0; i < 5000; ++i) big += (i ? ",\"m" : "\"m") + std::to_string(i) + "\":" + std::to_string(i);
+    big += ",\"m0\":-1}";
+    tJson j;
+    ASSERT_TRUE(j.parse(big.c_str()));
+    EXPECT_EQ(j.getInt("m0"), -1);
+    EXPECT_EQ(j.getInt("m4999"), 4999);
+    EXPECT_EQ(std::string(j.getJson(false).c_str()).substr(0, 20), "{\"m0\":-1,\"m1\":1,\"m2\"");
 }

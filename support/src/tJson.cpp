@@ -3,6 +3,10 @@
 #include <cstdint>
 #include <limits>
 #include <new>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -10,10 +14,146 @@
 
 using Json = nlohmann::ordered_json;
 
+namespace
+{
+// Up to this many members a linear search is as quick as a hash and costs no memory.
+constexpr std::size_t kLinearMembers = 8;
+
+// The member at a position (the ordered map's own operator[] takes a key).
+Json::object_t::value_type& memberAt(Json::object_t& m, std::size_t i)
+{
+    return static_cast<Json::object_t::Container&>(m)[i];
+}
+Json::object_t::value_type const& memberAt(Json::object_t const& m, std::size_t i)
+{
+    return static_cast<Json::object_t::Container const&>(m)[i];
+}
+}
+
+// The ordered map keeps members in insertion order (part of every checksummed text) but
+// finds them by linear search; beside it, the positions of the top-level members of a
+// larger object, kept current by every change made through tJson (the only way the top
+// level is ever changed), so a lookup or an add costs the same for any number of members.
 struct tJson::Impl
 {
     Json value = Json::object();
+    std::unordered_map<std::string, std::size_t> index;  // complete above kLinearMembers, else empty
+
+    Json::object_t& members() { return value.get_ref<Json::object_t&>(); }
+    Json::object_t const& members() const { return value.get_ref<Json::object_t const&>(); }
+
+    // After value was replaced as a whole.
+    void reindex()
+    {
+        index.clear();
+        if (members().size() <= kLinearMembers) return;
+        index.reserve(members().size());
+        for (std::size_t i = 0; i < members().size(); ++i) index.emplace(memberAt(members(), i).first, i);
+    }
+
+    Json const* find(char const* key) const
+    {
+        if (key == nullptr) return nullptr;
+        Json::object_t const& m = members();
+        if (m.size() > kLinearMembers) {
+            auto it = index.find(key);
+            return it == index.end() ? nullptr : &memberAt(m, it->second).second;
+        }
+        for (auto const& member : m)
+            if (member.first == key) return &member.second;
+        return nullptr;
+    }
+
+    // The member key, created as null at the end when it is new. A member set twice keeps
+    // its first position.
+    Json& slot(char const* key)
+    {
+        if (Json const* existing = find(key)) return const_cast<Json&>(*existing);
+        Json::object_t& m = members();
+        m.emplace_back(key, Json());
+        if (m.size() == kLinearMembers + 1)
+            reindex();
+        else if (m.size() > kLinearMembers)
+            index.emplace(key, m.size() - 1);
+        return m.back().second;
+    }
+
+    void assign(Json const& v)
+    {
+        value = v;
+        reindex();
+    }
 };
+
+namespace
+{
+// Builds the value of a text as the library's own reader does (a member given twice keeps
+// its first position and its last value), but finds a repeated key through a hash of each
+// open object's keys instead of the ordered map's linear search, so an object of K members
+// is read in O(K) rather than O(K^2).
+class tOrderedBuilder : public nlohmann::json_sax<Json>
+{
+public:
+    explicit tOrderedBuilder(Json& root) : m_root(root) {}
+
+    bool null() override { return place(Json(nullptr)) != nullptr; }
+    bool boolean(bool v) override { return place(Json(v)) != nullptr; }
+    bool number_integer(number_integer_t v) override { return place(Json(v)) != nullptr; }
+    bool number_unsigned(number_unsigned_t v) override { return place(Json(v)) != nullptr; }
+    bool number_float(number_float_t v, string_t const&) override { return place(Json(v)) != nullptr; }
+    bool string(string_t& v) override { return place(Json(std::move(v))) != nullptr; }
+    bool binary(binary_t& v) override { return place(Json::binary(std::move(v))) != nullptr; }
+    bool start_object(std::size_t) override { return open(Json::object()); }
+    bool start_array(std::size_t) override { return open(Json::array()); }
+    bool end_object() override { return close(); }
+    bool end_array() override { return close(); }
+    bool key(string_t& k) override
+    {
+        Json::object_t& object = m_open.back()->get_ref<Json::object_t&>();
+        auto known = m_keys.back().emplace(k, object.size());
+        if (known.second) object.emplace_back(std::move(k), Json());
+        m_member = &memberAt(object, known.first->second).second;
+        return true;
+    }
+    bool parse_error(std::size_t, std::string const&, nlohmann::detail::exception const&) override { return false; }
+
+private:
+    // Where the value goes: the root, the end of the open array, or the member just named.
+    Json* place(Json&& v)
+    {
+        if (m_open.empty()) {
+            m_root = std::move(v);
+            return &m_root;
+        }
+        Json& container = *m_open.back();
+        if (container.is_array()) {
+            container.push_back(std::move(v));
+            return &container.back();
+        }
+        *m_member = std::move(v);
+        return m_member;
+    }
+    bool open(Json&& v)
+    {
+        // A container's own slot never moves while it is open: only its last member or
+        // element is ever written, and the enclosing one gets nothing new until it closes.
+        m_open.push_back(place(std::move(v)));
+        m_keys.emplace_back();
+        return true;
+    }
+    bool close()
+    {
+        m_open.pop_back();
+        m_keys.pop_back();
+        return true;
+    }
+
+    Json& m_root;
+    std::vector<Json*> m_open;
+    std::vector<std::unordered_map<std::string, std::size_t>> m_keys;  // per open container
+    Json* m_member = nullptr;
+};
+}
 
 namespace
 {
@@ -44,13 +184,6 @@ bool nestingWithinLimit(std::string const& text)
     }
     return true;
 }
-
-Json const* member(Json const& object, char const* key)
-{
-    if (!key || !object.is_object()) return nullptr;
-    auto it = object.find(key);
-    return it == object.end() ? nullptr : &*it;
-}
 }
 
 tJson::tJson() : m_p(new Impl) {}
@@ -62,8 +195,10 @@ tJson& tJson::operator=(tJson const& other)
     if (this != &other) {
         try {
             m_p->value = other.m_p->value;
+            m_p->index = other.m_p->index;
         } catch (...) {
             m_p->value = Json::object();
+            m_p->index.clear();
         }
     }
     return *this;
@@ -76,15 +211,17 @@ tJson::~tJson()
 
 bool tJson::parse(tString const& text)
 {
-    m_p->value = Json::object();
+    clear();
     if (!nestingWithinLimit(text.str())) return false;
     try {
-        Json parsed = Json::parse(text.str(), nullptr, false);
-        if (!parsed.is_object()) return false;
+        Json parsed;
+        tOrderedBuilder builder(parsed);
+        if (!Json::sax_parse(text.str(), &builder) || !parsed.is_object()) return false;
         m_p->value = std::move(parsed);
+        m_p->reindex();
         return true;
     } catch (...) {
-        m_p->value = Json::object();
+        clear();
         return false;
     }
 }
@@ -103,6 +240,7 @@ tString tJson::getJson(bool pretty) const
 void tJson::clear()
 {
     m_p->value = Json::object();
+    m_p->index.clear();
 }
 
 bool tJson::isEmpty() const
@@ -112,14 +250,14 @@ bool tJson::isEmpty() const
 
 bool tJson::has(char const* key) const
 {
-    return member(m_p->value, key) != nullptr;
+    return m_p->find(key) != nullptr;
 }
 
 void tJson::addString(char const* key, tString const& value)
 {
     if (!key) return;
     try {
-        m_p->value[key] = value.str();
+        m_p->slot(key) = value.str();
     } catch (...) {
     }
 }
@@ -128,7 +266,7 @@ long long tJson::addInt(char const* key, long long value)
 {
     if (!key) return value;
     try {
-        m_p->value[key] = static_cast<std::int64_t>(value);
+        m_p->slot(key) = static_cast<std::int64_t>(value);
     } catch (...) {
     }
     return value;
@@ -138,7 +276,7 @@ unsigned long long tJson::addUInt(char const* key, unsigned long long value)
 {
     if (!key) return value;
     try {
-        m_p->value[key] = static_cast<std::uint64_t>(value);
+        m_p->slot(key) = static_cast<std::uint64_t>(value);
     } catch (...) {
     }
     return value;
@@ -148,7 +286,7 @@ void tJson::addBool(char const* key, bool value)
 {
     if (!key) return;
     try {
-        m_p->value[key] = value;
+        m_p->slot(key) = value;
     } catch (...) {
     }
 }
@@ -164,7 +302,7 @@ void tJson::addStringArray(char const* key, tStringList const& values)
     try {
         Json array = Json::array();
         for (unsigned int i = 0; i < values.count(); ++i) array.push_back(values.get(i).str());
-        m_p->value[key] = std::move(array);
+        m_p->slot(key) = std::move(array);
     } catch (...) {
     }
 }
@@ -173,7 +311,7 @@ void tJson::addObject(char const* key, tJson const& object)
 {
     if (!key) return;
     try {
-        m_p->value[key] = object.m_p->value;
+        m_p->slot(key) = object.m_p->value;
     } catch (...) {
     }
 }
@@ -182,7 +320,7 @@ void tJson::addToArray(char const* key, tJson const& object)
 {
     if (!key) return;
     try {
-        Json& slot = m_p->value[key];
+        Json& slot = m_p->slot(key);
         if (!slot.is_array()) slot = Json::array();
         slot.push_back(object.m_p->value);
     } catch (...) {
@@ -191,14 +329,14 @@ void tJson::addToArray(char const* key, tJson const& object)
 
 tString tJson::getString(char const* key, tString const& def) const
 {
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v || !v->is_string()) return def;
     return tString(v->get_ref<std::string const&>());
 }
 
 long long tJson::getInt(char const* key, long long def) const
 {
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v) return def;
     if (v->is_number_unsigned()) {
         std::uint64_t u = v->get<std::uint64_t>();
@@ -211,7 +349,7 @@ long long tJson::getInt(char const* key, long long def) const
 
 unsigned long long tJson::getUInt(char const* key, unsigned long long def) const
 {
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v) return def;
     if (v->is_number_unsigned()) return v->get<std::uint64_t>();
     if (v->is_number_integer()) {
@@ -223,7 +361,7 @@ unsigned long long tJson::getUInt(char const* key, unsigned long long def) const
 
 bool tJson::getBool(char const* key, bool def) const
 {
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v || !v->is_boolean()) return def;
     return v->get<bool>();
 }
@@ -231,7 +369,7 @@ bool tJson::getBool(char const* key, bool def) const
 bool tJson::getBinary(char const* key, tBlob& out) const
 {
     out.clear();
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v || !v->is_string()) return false;
     return base64::decode(tString(v->get_ref<std::string const&>()), out);
 }
@@ -239,7 +377,7 @@ bool tJson::getBinary(char const* key, tBlob& out) const
 bool tJson::getStringArray(char const* key, tStringList& out) const
 {
     out.clear();
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v || !v->is_array()) return false;
     try {
         for (auto const& element : *v)
@@ -253,10 +391,10 @@ bool tJson::getStringArray(char const* key, tStringList& out) const
 
 bool tJson::getObject(char const* key, tJson& out) const
 {
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v || !v->is_object()) return false;
     try {
-        out.m_p->value = *v;
+        out.m_p->assign(*v);
     } catch (...) {
         out.clear();
         return false;
@@ -266,12 +404,12 @@ bool tJson::getObject(char const* key, tJson& out) const
 
 bool tJson::getArrayObject(char const* key, unsigned int index, tJson& out) const
 {
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v || !v->is_array() || index >= v->size()) return false;
     Json const& element = (*v)[index];
     if (!element.is_object()) return false;
     try {
-        out.m_p->value = element;
+        out.m_p->assign(element);
     } catch (...) {
         out.clear();
         return false;
@@ -281,7 +419,7 @@ bool tJson::getArrayObject(char const* key, unsigned int index, tJson& out) cons
 
 unsigned int tJson::getArraySize(char const* key) const
 {
-    Json const* v = member(m_p->value, key);
+    Json const* v = m_p->find(key);
     if (!v || !v->is_array()) return 0;
     return static_cast<unsigned int>(v->size());
 }
