@@ -1,7 +1,6 @@
 #include "nk_messageSetSchedules.h"
 
 #include <algorithm>
-#include <deque>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -156,25 +155,39 @@ bool nk_messageSetSchedulesReq::setSchedulesFromWithoutClear(nk_messageSetSchedu
     if (other == this) return mergeItself();
 
     // The list is rebuilt once instead of being searched and shifted for every schedule:
-    // removed slots become null and are dropped at the end, and for each id the schedules
-    // that carry it wait in list order, so "the first schedule with this id" is the front of
-    // its queue (only that one is ever removed, and copies join at the back).
+    // removed slots become null and are dropped at the end, and the schedules that carry
+    // one id form a queue in list order (a head and tail per id, a link per slot), so "the
+    // first schedule with this id" is the head of its queue; only the head is ever removed,
+    // and copies join at the tail.
+    const std::size_t none = static_cast<std::size_t>(-1);
     std::vector<nk_messageSchedule*> slots(m_schedules.begin(), m_schedules.end());
-    std::unordered_map<unsigned long long, std::deque<std::size_t>> byId;
-    for (std::size_t i = 0; i < slots.size(); ++i) byId[slots[i]->id()].push_back(i);
+    std::vector<std::size_t> nextWithSameId;
+    std::unordered_map<unsigned long long, std::pair<std::size_t, std::size_t>> queues;  // head, tail
+    queues.reserve(slots.size() + other->count());
+    auto enqueue = [&](std::size_t slot) {
+        nextWithSameId.push_back(none);
+        auto q = queues.emplace(slots[slot]->id(), std::make_pair(slot, slot));
+        if (q.second) return;
+        if (q.first->second.first == none)
+            q.first->second.first = slot;
+        else
+            nextWithSameId[q.first->second.second] = slot;
+        q.first->second.second = slot;
+    };
+    for (std::size_t i = 0; i < slots.size(); ++i) enqueue(i);
 
     nk_messageSchedule* incoming;
     for (unsigned int i = 0; (incoming = other->getSchedule(i)) != nullptr; ++i) {
-        std::deque<std::size_t>& sameId = byId[incoming->id()];
-        if (!sameId.empty()) {
-            nk_messageSchedule*& present = slots[sameId.front()];
+        auto q = queues.find(incoming->id());
+        if (q != queues.end() && q->second.first != none) {
+            nk_messageSchedule*& present = slots[q->second.first];
             if (present->compare(incoming)) continue;  // keeps its handled marks
             delete present;
             present = nullptr;
-            sameId.pop_front();
+            q->second.first = nextWithSameId[q->second.first];
         }
-        sameId.push_back(slots.size());
         slots.push_back(copyOf(incoming));  // a changed schedule moves to the end
+        enqueue(slots.size() - 1);
     }
     slots.erase(std::remove(slots.begin(), slots.end(), nullptr), slots.end());
 
