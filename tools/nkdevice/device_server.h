@@ -34,6 +34,8 @@ public:
     Endpoint listen(Endpoint const& ep);
     // Throws ToolError when the port cannot be opened. A port that fails later is reopened.
     void openSerial(std::string const& path, unsigned int baud);
+    // Serves one more link that the caller opened (a broker connection's topic pair).
+    void serveLink(std::shared_ptr<Link> link) { addConnection(std::move(link)); }
     // Stops after the answers already queued are written (at most about two seconds).
     void stop();
 

@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "broker_run.h"
 #include "device_server.h"
 #include "output.h"
 #include "tool_error.h"
@@ -32,6 +33,8 @@ int main(int argc, char** argv)
     std::string serialNumberText;
     std::string dataDir = "nkdevice-data";
     bool verbose = false;
+    BrokerRun brokerRun;
+    brokerRun.pollPeriod_ms = DeviceServer::Options().pollPeriod_ms;
     auto* listenOption = app.add_option("--listen", listenAddress,
                                         "TCP address to listen on, HOST:PORT (port 0 picks a free one)")
                              ->capture_default_str();
@@ -41,6 +44,19 @@ int main(int argc, char** argv)
     app.add_option("--address", addressText, "the device's protocol address")->capture_default_str();
     app.add_option("--serial-number", serialNumberText, "serial number reported in the state (default: the address)");
     app.add_option("--data", dataDir, "data directory holding the device's state")->capture_default_str();
+    auto* mqttOption = app.add_option("--mqtt", brokerRun.url, "serve through an MQTT broker, mqtt://HOST[:PORT]")
+                           ->excludes(listenOption);
+    app.add_option("--fleet", brokerRun.fleet, "fleet name in the broker topics (with --mqtt)")->needs(mqttOption);
+    app.add_option("--topic-prefix", brokerRun.topicPrefix, "first level of the broker topics")
+        ->capture_default_str()
+        ->needs(mqttOption);
+    app.add_option("--simulate", brokerRun.count,
+                   "run N devices in this process, addresses from --address on (with --mqtt)")
+        ->check(CLI::Range(1u, 1000000u))
+        ->needs(mqttOption);
+    app.add_option("--poll-ms", brokerRun.pollPeriod_ms, "period of the engines' polling")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 10000u));
     app.add_flag("--verbose,-v", verbose,
                  "log connections and the engine's messages with time stamps on standard error");
     app.footer("Exit status: 0 stopped cleanly, 1 other failure, 2 usage error, 3 data directory unusable, "
@@ -63,6 +79,17 @@ int main(int argc, char** argv)
                 ? address
                 : static_cast<unsigned int>(parseUnsigned(serialNumberText, "serial number", 0, 0xFFFFFFFFu));
 
+        if (!brokerRun.url.empty()) {
+            if (app.count("--serial") > 0) throw ToolError("--mqtt and --serial exclude each other", EXIT_USAGE);
+            if (brokerRun.fleet.empty()) throw ToolError("--mqtt needs --fleet NAME", EXIT_USAGE);
+            brokerRun.firstAddress = address;
+            brokerRun.serialNumber = serialNumber;
+            brokerRun.dataDir = dataDir;
+            brokerRun.dataGiven = app.count("--data") > 0;
+            brokerRun.verbose = verbose;
+            return runOverBroker(brokerRun);
+        }
+
         DeviceStore store(dataDir);
         Device device(store, address, serialNumber);
         device.load();
@@ -70,6 +97,7 @@ int main(int argc, char** argv)
         asio::io_context io;
         DeviceServer::Options options;
         options.verbose = verbose;
+        options.pollPeriod_ms = brokerRun.pollPeriod_ms;
         DeviceServer server(io, device, options);
         asio::signal_set signals(io, SIGINT, SIGTERM);
         signals.async_wait([&server](std::error_code ec, int) {
