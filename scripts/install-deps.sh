@@ -9,7 +9,7 @@ packages=(
   cmake ninja-build make g++ clang libclang-rt-14-dev pkg-config
   nlohmann-json3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
   libasio-dev libcli11-dev python3 help2man tshark
-  mosquitto libmosquitto-dev libsqlite3-dev libcpp-httplib-dev
+  mosquitto mosquitto-clients libmosquitto-dev libsqlite3-dev libcpp-httplib-dev
 )
 if [ "${1:-}" = "--arm" ]; then
   packages+=(g++-arm-linux-gnueabihf qemu-user libssl-dev:armhf libgtest-dev:armhf libbenchmark-dev:armhf

@@ -6,9 +6,9 @@ dumpcap captures three kinds of traffic while the test runs:
      every request the tools send and every answer, with a multi-part Huffman-compressed image;
   2. frames the tools encode (nkctl encode) in every layout revision, GENERIC frames, a frame
      with a bad CRC and a frame written in two TCP segments, sent over a plain TCP connection;
-  3. MQTT PUBLISH packets on the fleet topics carrying frames.
+  3. frames published through a mosquitto broker on the fleet topics.
 tshark then decodes the capture with the dissector and every decoded field is checked.
-tshark and dumpcap are required: without them the test fails.
+tshark, dumpcap and mosquitto are required: without them the test fails.
 """
 import argparse
 import hashlib
@@ -216,36 +216,36 @@ def drain(server):
     return data
 
 
-def mqtt_publish(topic, payload):
-    t = topic.encode()
-    variable = struct.pack(">H", len(t)) + t + payload
-    length, rem = b"", len(variable)
-    while True:
-        digit = rem % 128
-        rem //= 128
-        length += bytes([digit | (0x80 if rem else 0)])
-        if not rem:
-            break
-    return b"\x30" + length + variable
-
-
 def mqtt_session(port, work):
-    server = socket.create_server(("127.0.0.1", port))
-    reader = threading.Thread(target=lambda: drain(server), daemon=True)
-    reader.start()
-    client = socket.create_connection(("127.0.0.1", port))
-    connect = b"\x00\x04MQTT\x04\x02\x00\x3c\x00\x02p1"
-    client.sendall(b"\x10" + bytes([len(connect)]) + connect)
-    time.sleep(0.2)
+    """A mosquitto broker on loopback; mosquitto_pub publishes frames on the fleet topics
+    (and a frame-like payload on the online topic) while mosquitto_sub receives them, so
+    every message crosses the capture twice: to the broker and from it."""
+    conf = os.path.join(work, "mosquitto.conf")
+    with open(conf, "w") as out:
+        out.write("listener %d 127.0.0.1\nallow_anonymous true\npersistence false\n" % port)
+    broker = subprocess.Popen(["mosquitto", "-c", conf], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    CHILDREN.append(broker)
+    deadline = time.time() + 30
+    while time.time() < deadline:
+        try:
+            socket.create_connection(("127.0.0.1", port), timeout=1).close()
+            break
+        except OSError:
+            time.sleep(0.1)
+    link = ["-h", "127.0.0.1", "-p", str(port), "-q", "1"]
+    sub = subprocess.Popen(["mosquitto_sub", *link, "-t", "nk/#", "-C", "3"], stdout=subprocess.DEVNULL)
+    CHILDREN.append(sub)
+    time.sleep(0.5)
     down = frame(struct.pack("<HH", 1, 0) + b"\x01" + nk_string("mqtt name"), src=100, dst=3, tlg=11)
     up = frame(struct.pack("<HH", 29, 0) + nk_string("up") + nk_string("text"), src=3, dst=100, tlg=11, kind=3)
-    client.sendall(mqtt_publish("nk/fleet1/3/down", down))
-    time.sleep(0.2)
-    client.sendall(mqtt_publish("nk/fleet1/3/up", up) + mqtt_publish("nk/fleet1/3/online", b"\x01\x80\x80\x02"))
-    time.sleep(0.3)
-    client.close()
-    reader.join(30)
-    server.close()
+    for topic, payload in (("nk/fleet1/3/down", down), ("nk/fleet1/3/up", up), ("nk/fleet1/3/online", b"\x01\x80\x80\x02")):
+        path = os.path.join(work, "payload")
+        with open(path, "wb") as out:
+            out.write(payload)
+        run(["mosquitto_pub", *link, "-t", topic, "-f", path], seconds=60)
+    check(sub.wait(30) == 0, "mosquitto_sub received the three messages through the broker")
+    broker.terminate()
+    broker.wait(30)
 
 
 # ---- reading tshark's JSON ----
@@ -317,7 +317,7 @@ def main():
     for name in ("nkctl", "nkdevice", "examples", "dissector", "build"):
         parser.add_argument("--" + name, required=True)
     ARGS = parser.parse_args()
-    for tool in ("tshark", "dumpcap"):
+    for tool in ("tshark", "dumpcap", "mosquitto", "mosquitto_pub", "mosquitto_sub"):
         if not shutil.which(tool):
             print("FAIL %s is not installed (scripts/install-deps.sh installs it)" % tool)
             return 1
@@ -513,11 +513,13 @@ def check_stream_cases(frames, packets):
 
 
 def check_mqtt(frames):
+    # each message twice: publisher to broker, broker to subscriber
     down = [r for r in frames if r["topic"] == "nk/fleet1/3/down"]
     up = [r for r in frames if r["topic"] == "nk/fleet1/3/up"]
-    check(len(down) == 1 and first(down[0], "nk.state_req.name") == "mqtt name" and first(down[0], "nk.src") == "100",
-          "MQTT down topic: the STATE_REQ inside is decoded")
-    check(len(up) == 1 and first(up[0], "nk.generic_rsp.text1") == "up", "MQTT up topic: the GENERIC_RSP inside is decoded")
+    check(len(down) == 2 and all(first(r, "nk.state_req.name") == "mqtt name" and first(r, "nk.src") == "100"
+                                 for r in down), "MQTT down topic: the STATE_REQ inside is decoded")
+    check(len(up) == 2 and all(first(r, "nk.generic_rsp.text1") == "up" for r in up),
+          "MQTT up topic: the GENERIC_RSP inside is decoded")
     check(not any(r["topic"] == "nk/fleet1/3/online" for r in frames), "MQTT online topic is left alone")
 
 
