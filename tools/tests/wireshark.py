@@ -6,7 +6,7 @@ dumpcap captures three kinds of traffic while the test runs:
      every request the tools send and every answer, with a multi-part Huffman-compressed image;
   2. frames the tools encode (nkctl encode) in every layout revision, GENERIC frames, a frame
      with a bad CRC and a frame written in two TCP segments, sent over a plain TCP connection;
-  3. frames published through a mosquitto broker on the fleet topics.
+  3. nkdevice serving through a mosquitto broker, asked on its fleet topic.
 tshark then decodes the capture with the dissector and every decoded field is checked.
 tshark, dumpcap and mosquitto are required: without them the test fails.
 """
@@ -217,9 +217,10 @@ def drain(server):
 
 
 def mqtt_session(port, work):
-    """A mosquitto broker on loopback; mosquitto_pub publishes frames on the fleet topics
-    (and a frame-like payload on the online topic) while mosquitto_sub receives them, so
-    every message crosses the capture twice: to the broker and from it."""
+    """A mosquitto broker on loopback and nkdevice serving address 3 of fleet1 through it:
+    mosquitto_pub sends a STATE_REQ that nkctl encoded on the down topic, the device answers on
+    the up topic (mosquitto_sub waits for it), and a frame-like payload goes to an online topic.
+    Every message crosses the capture twice: to the broker and from it."""
     conf = os.path.join(work, "mosquitto.conf")
     with open(conf, "w") as out:
         out.write("listener %d 127.0.0.1\nallow_anonymous true\npersistence false\n" % port)
@@ -233,17 +234,29 @@ def mqtt_session(port, work):
         except OSError:
             time.sleep(0.1)
     link = ["-h", "127.0.0.1", "-p", str(port), "-q", "1"]
-    sub = subprocess.Popen(["mosquitto_sub", *link, "-t", "nk/#", "-C", "3"], stdout=subprocess.DEVNULL)
-    CHILDREN.append(sub)
+    device = subprocess.Popen([ARGS.nkdevice, "--mqtt", "mqtt://127.0.0.1:%d" % port, "--fleet", "fleet1",
+                               "--address", "3", "--data", os.path.join(work, "panel3")],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    CHILDREN.append(device)
+    online = subprocess.run(["mosquitto_sub", *link, "-t", "nk/fleet1/3/online", "-C", "1", "-W", "60"],
+                            capture_output=True, timeout=90)
+    check(online.stdout.strip() == b"1", "nkdevice is online through the broker (%r)" % online.stdout)
+    answer = subprocess.Popen(["mosquitto_sub", *link, "-t", "nk/fleet1/3/up", "-C", "1", "-W", "60"],
+                              stdout=subprocess.DEVNULL)
+    CHILDREN.append(answer)
     time.sleep(0.5)
-    down = frame(struct.pack("<HH", 1, 0) + b"\x01" + nk_string("mqtt name"), src=100, dst=3, tlg=11)
-    up = frame(struct.pack("<HH", 29, 0) + nk_string("up") + nk_string("text"), src=3, dst=100, tlg=11, kind=3)
-    for topic, payload in (("nk/fleet1/3/down", down), ("nk/fleet1/3/up", up), ("nk/fleet1/3/online", b"\x01\x80\x80\x02")):
-        path = os.path.join(work, "payload")
-        with open(path, "wb") as out:
-            out.write(payload)
-        run(["mosquitto_pub", *link, "-t", topic, "-f", path], seconds=60)
-    check(sub.wait(30) == 0, "mosquitto_sub received the three messages through the broker")
+    request = os.path.join(work, "state_req.json")
+    with open(request, "w") as out:
+        json.dump({"action": "state", "type": "request", "tv": 1, "name": "mqtt name", "task": 1}, out)
+    payload = os.path.join(work, "state_req.bin")
+    run([ARGS.nkctl, "--address", "3", "--from", "100", "encode", request, "-o", payload])
+    run(["mosquitto_pub", *link, "-t", "nk/fleet1/3/down", "-f", payload], seconds=60)
+    check(answer.wait(90) == 0, "the device answered on its up topic")
+    with open(payload, "wb") as out:
+        out.write(b"\x01\x80\x80\x02")
+    run(["mosquitto_pub", *link, "-t", "nk/fleet1/9/online", "-f", payload], seconds=60)
+    device.terminate()
+    device.wait(30)
     broker.terminate()
     broker.wait(30)
 
@@ -513,14 +526,15 @@ def check_stream_cases(frames, packets):
 
 
 def check_mqtt(frames):
-    # each message twice: publisher to broker, broker to subscriber
+    # each message twice: to the broker and from it
     down = [r for r in frames if r["topic"] == "nk/fleet1/3/down"]
     up = [r for r in frames if r["topic"] == "nk/fleet1/3/up"]
-    check(len(down) == 2 and all(first(r, "nk.state_req.name") == "mqtt name" and first(r, "nk.src") == "100"
+    check(len(down) == 2 and all(first(r, "nk.state_req.name") == "mqtt name" and first(r, "nk.dst") == "3"
                                  for r in down), "MQTT down topic: the STATE_REQ inside is decoded")
-    check(len(up) == 2 and all(first(r, "nk.generic_rsp.text1") == "up" for r in up),
-          "MQTT up topic: the GENERIC_RSP inside is decoded")
-    check(not any(r["topic"] == "nk/fleet1/3/online" for r in frames), "MQTT online topic is left alone")
+    check(len(up) == 2 and all(first(r, "nk.type") == "STATE_RSP" and first(r, "nk.src") == "3"
+                               and first(r, "nk.state_rsp.serial") == "3" for r in up),
+          "MQTT up topic: the device's STATE_RSP inside is decoded")
+    check(not any(r["topic"].endswith("/online") for r in frames if r["topic"]), "MQTT online topics are left alone")
 
 
 def check_filters(capture, mqtt_port, frames):
