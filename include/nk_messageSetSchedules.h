@@ -22,7 +22,14 @@ public:
     // Stop times are part of the body from version 2 on. Reading appends to the list.
     bool serialize(nk_serializer* ser, nk_serializer::teSerDirection dir) override;
     bool serializeToJson(tJson* json) override;
+    // Refused (false, the set unchanged) when it would create more entries than
+    // maxJsonEntries(): every schedule read gets all entries of the root "entries" array.
     bool serializeFromJson(tJson* json) override;
+
+    // The most schedule entries one JSON read may create, for every set of the process.
+    static const unsigned int DEFAULT_MAX_JSON_ENTRIES = 1000000;
+    static void setMaxJsonEntries(unsigned int entries);
+    static unsigned int maxJsonEntries();
 
     void clear();
     unsigned int count() const { return static_cast<unsigned int>(m_schedules.size()); }
@@ -64,6 +71,7 @@ private:
     void copyFrom(nk_messageSetSchedulesReq const& other);
 
     tVector_TS<nk_messageSchedule*> m_schedules;
+    static unsigned int s_u32MaxJsonEntries;
 };
 
 // SET_SCHEDULES_RSP (10): the checksum of the schedule set the device now holds.

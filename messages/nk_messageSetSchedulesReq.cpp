@@ -325,9 +325,34 @@ bool nk_messageSetSchedulesReq::serializeToJson(tJson* json)
     return true;
 }
 
+unsigned int nk_messageSetSchedulesReq::s_u32MaxJsonEntries = nk_messageSetSchedulesReq::DEFAULT_MAX_JSON_ENTRIES;
+
+void nk_messageSetSchedulesReq::setMaxJsonEntries(unsigned int entries)
+{
+    __atomic_store_n(&s_u32MaxJsonEntries, entries, __ATOMIC_RELAXED);
+}
+
+unsigned int nk_messageSetSchedulesReq::maxJsonEntries() { return __atomic_load_n(&s_u32MaxJsonEntries, __ATOMIC_RELAXED); }
+
+namespace
+{
+// How many objects the array member key starts with: the reader stops at the first element
+// that is not an object.
+unsigned long long leadingObjects(tJson const& json, char const* key)
+{
+    tJson element;
+    unsigned int n = 0;
+    while (json.getArrayObject(key, n, element)) ++n;
+    return n;
+}
+}
+
 bool nk_messageSetSchedulesReq::serializeFromJson(tJson* json)
 {
     if (!jsonEnvelopeMatches(json, "schedules", false)) return false;
+    // Every schedule gets the whole root "entries" array, so a few kilobytes of text could
+    // ask for millions of entries: the read is refused before anything is built or cleared.
+    if (leadingObjects(*json, "schedules") * leadingObjects(*json, "entries") > maxJsonEntries()) return false;
     clear();
     tJson o;
     for (unsigned int i = 0; json->getArrayObject("schedules", i, o); ++i) {

@@ -363,3 +363,38 @@ TEST(SchedulesJson, WriterAndTheReadersAsymmetries)
     EXPECT_FALSE(back.serializeFromJson(&json));
     EXPECT_EQ(back.count(), 2u);
 }
+
+TEST(SchedulesJson, OneReadCreatesNoMoreEntriesThanTheLimit)
+{
+    // Every schedule gets the whole root "entries" array: 1,001 schedules and 1,000 entries
+    // in 6 KB of text would be over a million entries.
+    auto document = [](unsigned schedules, unsigned entries) {
+        std::string text = "{\"action\":\"schedules\",\"type\":\"request\",\"tv\":2,\"schedules\":[";
+        for (unsigned i = 0; i < schedules; ++i) text += (i ? ",{\"uid\":" : "{\"uid\":") + std::to_string(i + 1) + "}";
+        text += "],\"entries\":[";
+        for (unsigned i = 0; i < entries; ++i) text += i ? ",{}" : "{}";
+        return text + "]}";
+    };
+    EXPECT_EQ(Req::maxJsonEntries(), 1000000u);
+    Req held(nk_message::VERSION_2);
+    addTwoEntrySchedule(held, 77);
+    tJson json;
+    ASSERT_TRUE(json.parse(document(1001, 1000).c_str()));
+    EXPECT_FALSE(held.serializeFromJson(&json));
+    EXPECT_EQ(ids(held), (std::vector<unsigned long long>{77}));  // nothing half-built, nothing lost
+    ASSERT_TRUE(json.parse(document(1000, 1000).c_str()));
+    EXPECT_TRUE(held.serializeFromJson(&json));
+    EXPECT_EQ(held.count(), 1000u);
+    EXPECT_EQ(held.getSchedule(999)->count(), 1000u);
+
+    Req::setMaxJsonEntries(12);
+    ASSERT_TRUE(json.parse(document(3, 4).c_str()));
+    EXPECT_TRUE(held.serializeFromJson(&json));
+    EXPECT_EQ(held.count(), 3u);
+    ASSERT_TRUE(json.parse(document(13, 1).c_str()));
+    EXPECT_FALSE(held.serializeFromJson(&json));
+    EXPECT_EQ(held.count(), 3u);
+    ASSERT_TRUE(json.parse(document(50, 0).c_str()));  // schedules without entries create none
+    EXPECT_TRUE(held.serializeFromJson(&json));
+    Req::setMaxJsonEntries(Req::DEFAULT_MAX_JSON_ENTRIES);
+}
