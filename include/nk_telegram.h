@@ -55,8 +55,14 @@ public:
     static tString compressionName(teCompression compression);
 
     // Replaces the payload by its decoded form. The compression field is kept, so a second
-    // call would decode again: call it once per payload.
+    // call would decode again: call it once per payload. A form that announces more than
+    // maxDecodedSize() bytes decodes to nothing, as a damaged one does.
     void deCompress();
+
+    // The most bytes one compressed telegram may decode to, for every telegram of the
+    // process; 0 (the default) sets no limit beyond the codecs' own bounds.
+    static void setMaxDecodedSize(unsigned int bytes);
+    static unsigned int maxDecodedSize();
 
 protected:
     unsigned int m_u32Src;
@@ -66,6 +72,9 @@ protected:
     teType m_eType;
     teCompression m_eCompression;
     tBlob* m_pPayload;
+
+private:
+    static unsigned int s_u32MaxDecodedSize;
 };
 
 // One part of a telegram: the header, its 1-based number and whether it is the last, and

@@ -1,5 +1,8 @@
 #include "nk_telegram.h"
 
+#include <cstdint>
+
+#include "leBytes.h"
 #include "tCompression.h"
 
 nk_basicTelegram::nk_basicTelegram()
@@ -52,9 +55,25 @@ tString nk_basicTelegram::compressionName(teCompression compression)
     return tString("invalid");
 }
 
+unsigned int nk_basicTelegram::s_u32MaxDecodedSize = 0;
+
+void nk_basicTelegram::setMaxDecodedSize(unsigned int bytes)
+{
+    __atomic_store_n(&s_u32MaxDecodedSize, bytes, __ATOMIC_RELAXED);
+}
+
+unsigned int nk_basicTelegram::maxDecodedSize() { return __atomic_load_n(&s_u32MaxDecodedSize, __ATOMIC_RELAXED); }
+
 void nk_basicTelegram::deCompress()
 {
     if (m_eCompression != COMPRESSION_RLE && m_eCompression != COMPRESSION_HUFF) return;
+    // Both forms announce the decoded length first: a length over the limit is refused
+    // before anything is allocated, like a damaged form.
+    const unsigned int limit = maxDecodedSize();
+    if (limit != 0 && m_pPayload->size() >= 4 && nk::readLE<uint32_t>(m_pPayload->getBuffer()) > limit) {
+        m_pPayload->clear();
+        return;
+    }
     tBlob decoded;
     // A damaged form decodes to nothing: the content is then empty.
     if (m_eCompression == COMPRESSION_RLE)

@@ -190,3 +190,29 @@ TEST(TelegramPart, NamesAndSinglePartDetection)
     EXPECT_EQ(none.sourceAddress(), 0xFFFFFFFFu);
     EXPECT_EQ(none.partId(), 0u);
 }
+
+TEST(TelegramPart, DecodedSizeLimitRefusesLargerFormsLikeDamagedOnes)
+{
+    tBlob content;
+    for (int i = 0; i < 100000; ++i) content.append(static_cast<unsigned char>(i % 3 ? 'y' : 'z'));
+    tBlob forms[] = {tCompression::encodeRLE(content), tCompression::encodeHuffman(content)};
+    const B::teCompression kinds[] = {B::COMPRESSION_RLE, B::COMPRESSION_HUFF};
+    EXPECT_EQ(B::maxDecodedSize(), 0u);
+    for (int k = 0; k < 2; ++k) {
+        for (unsigned int limit : {0u, 100000u, 99999u, 1u}) {
+            B::setMaxDecodedSize(limit);
+            P part(1, 1, 2, 1, 0, true, &forms[k], B::TYPE_REQUEST_NO_RESPONSE, kinds[k]);
+            tBlob* decoded = part.isSinglePartTelegram();
+            ASSERT_NE(decoded, nullptr);
+            if (limit == 0 || limit >= content.size())
+                EXPECT_EQ(*decoded, content) << k << " " << limit;
+            else
+                EXPECT_EQ(decoded->size(), 0u) << k << " " << limit;
+        }
+    }
+    // Plain content is never cut: it is no larger than the bytes received.
+    B::setMaxDecodedSize(10);
+    P plain(1, 1, 2, 1, 0, true, &content, B::TYPE_REQUEST_NO_RESPONSE, B::COMPRESSION_NONE);
+    EXPECT_EQ(*plain.isSinglePartTelegram(), content);
+    B::setMaxDecodedSize(0);
+}
