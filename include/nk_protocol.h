@@ -66,6 +66,14 @@ public:
     void eraseDeletedTelegrams_TS();
 
     static void setMaxPayloadSize(unsigned int size);
+    // Bounds on the incomplete multi-part telegrams this engine keeps: how many contexts are
+    // open and how many payload bytes their parts hold (0: no bound, the default). A part
+    // that would pass either bound makes the engine drop open contexts, oldest first, as
+    // if they had never been opened; a context that a part completes is not dropped.
+    void setIncomingLimits_TS(unsigned int maxContexts, unsigned long long maxBytes);
+    // The most bytes one compressed telegram may decode to, for the whole process (0: no
+    // bound, the default); see nk_basicTelegram::setMaxDecodedSize.
+    static void setMaxDecodedSize(unsigned int bytes);
     static void logProt(char const* format, ...) __attribute__((format(printf, 1, 2)));
 
     unsigned int ownAddress() const { return m_u32OwnAddress; }
@@ -81,6 +89,7 @@ private:
     void handleResponse(nk_telegramPart& part, tBlob* content);
     tBlob* fileMultiPart(nk_telegramPart* part, nk_telegram** complete, bool takePayload);
     void dropIncoming(std::size_t index);
+    void keepIncomingWithinLimits();
     void removeHandled(nk_telegram* complete, unsigned int id);
     void keepContentStorage(nk_telegram* complete);
     bool frameMayBeReady();
@@ -105,6 +114,10 @@ private:
     typedef std::tuple<unsigned int, unsigned int, unsigned int> tContextKey;
     std::map<tContextKey, std::size_t> m_incomingIndex;
     std::size_t m_incomingHoles;
+    std::size_t m_oldestIncoming;      // no open context sits before this slot
+    unsigned long long m_incomingBytes;  // payload bytes of the parts in open contexts
+    unsigned int m_u32MaxIncomingContexts;
+    unsigned long long m_u64MaxIncomingBytes;
 
     // Where the first start and end bytes of the stream are, as far as it has been
     // searched: new bytes are searched once, not again on every poll while a large frame

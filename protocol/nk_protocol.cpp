@@ -34,7 +34,8 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
                          tProtLogFcn logFcn, void* logContext, tOutputFcn logOutput)
     : tLog(logContext, logOutput), m_u32OwnAddress(ownAddress), m_csIncoming(true), m_csOutgoing(true),
       m_pRecvCb(recvCb), m_pStream(new tBlob()), m_bNewData(false), m_pContext(context),
-      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_incomingHoles(0),
+      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_incomingHoles(0), m_oldestIncoming(0), m_incomingBytes(0),
+      m_u32MaxIncomingContexts(0), m_u64MaxIncomingBytes(0),
       m_u32Searched(0),
       m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
       m_bSpareFromThisPoll(false), m_u32StreamPeak(0)
@@ -51,6 +52,7 @@ nk_protocol::~nk_protocol()
         m_incoming.clear();
         m_incomingIndex.clear();
         m_incomingHoles = 0;
+        m_incomingBytes = 0;
     }
     {
         tCriticalSectionLock lock(m_csOutgoing);
@@ -65,6 +67,11 @@ nk_protocol::~nk_protocol()
 void nk_protocol::setMaxPayloadSize(unsigned int size)
 {
     nk_telegram::setMaxPayloadSize(size);
+}
+
+void nk_protocol::setMaxDecodedSize(unsigned int bytes)
+{
+    nk_basicTelegram::setMaxDecodedSize(bytes);
 }
 
 void nk_protocol::logProt(char const* format, ...)
@@ -367,14 +374,17 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
     if (!part) return nullptr;
     if (complete) *complete = nullptr;
     tCriticalSectionLock lock(m_csIncoming);
+    const unsigned int partBytes = part->payload()->size();
     auto entry = m_incomingIndex.find(contextKey(part));
     if (entry != m_incomingIndex.end()) {
         const std::size_t index = entry->second;
         nk_telegram* t = m_incoming[index];
         const bool added = takePayload ? t->adoptTelegramPart(part) : t->addTelegramPart(part);
         if (!added) return nullptr;  // a duplicate
+        m_incomingBytes += partBytes;
         if (!t->lastPartPresent()) {
             log("received telegram is NOT complete now");
+            keepIncomingWithinLimits();
             return nullptr;
         }
         if (t->isCorrupt()) {
@@ -403,13 +413,46 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
     log("received telegram part for new context (tlg.-id: %u)", part->telegramId());
     m_incoming.push_back(new nk_telegram(part, takePayload));
     m_incomingIndex[contextKey(part)] = m_incoming.size() - 1;
+    m_incomingBytes += partBytes;
+    keepIncomingWithinLimits();
     return nullptr;
+}
+
+void nk_protocol::setIncomingLimits_TS(unsigned int maxContexts, unsigned long long maxBytes)
+{
+    tCriticalSectionLock lock(m_csIncoming);
+    m_u32MaxIncomingContexts = maxContexts;
+    m_u64MaxIncomingBytes = maxBytes;
+    keepIncomingWithinLimits();
+}
+
+// Drops open contexts, oldest first, while there are more than the limits allow. New
+// contexts join at the end of the list, so the oldest is found from a cursor that only
+// moves on (it restarts when the list is compacted).
+void nk_protocol::keepIncomingWithinLimits()
+{
+    auto over = [this] {
+        const std::size_t open = m_incoming.size() - m_incomingHoles;
+        return (m_u32MaxIncomingContexts != 0 && open > m_u32MaxIncomingContexts) ||
+               (m_u64MaxIncomingBytes != 0 && m_incomingBytes > m_u64MaxIncomingBytes);
+    };
+    while (over() && m_oldestIncoming < m_incoming.size()) {
+        if (m_incoming[m_oldestIncoming] == nullptr) {
+            ++m_oldestIncoming;
+            continue;
+        }
+        log("open incoming telegrams over the limit, drop the oldest (tlg.-id: %u)",
+            m_incoming[m_oldestIncoming]->telegramId());
+        dropIncoming(m_oldestIncoming);
+    }
 }
 
 void nk_protocol::dropIncoming(std::size_t index)
 {
     nk_telegram*& t = m_incoming[index];
     m_incomingIndex.erase(contextKey(t));
+    for (unsigned int i = 0; i < t->partCount(); ++i)
+        if (nk_telegramPart* p = t->part(i)) m_incomingBytes -= p->payload()->size();
     delete t;
     t = nullptr;
     ++m_incomingHoles;
@@ -426,6 +469,7 @@ void nk_protocol::eraseDeletedTelegrams_TS()
             eraseNulls(m_incoming);
             for (std::size_t i = 0; i < m_incoming.size(); ++i) m_incomingIndex[contextKey(m_incoming[i])] = i;
             m_incomingHoles = 0;
+            m_oldestIncoming = 0;
         }
     }
     tCriticalSectionLock lock(m_csOutgoing);

@@ -347,6 +347,56 @@ TEST(Protocol, ContextsCompletedInOpeningOrderOnePollEachStayWhereTheyAre)
     }
 }
 
+TEST(Protocol, IncomingLimitsDropTheOldestOpenContexts)
+{
+    Endpoint b(2);
+    b.answer = Endpoint::NOTHING;
+    auto send = [&b](unsigned int id, unsigned int partId, bool last) {
+        tBlob payload = randomBlob(4, id * 10 + partId), frames;
+        nk_telegramPart part(id, 1, 2, partId, 0, last, &payload, nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE,
+                             nk_basicTelegram::COMPRESSION_NONE);
+        part.serialize(&frames);
+        b.engine.pushData(frames.getBuffer(), frames.size());
+        b.poll();
+    };
+    for (unsigned int id = 1; id <= 5; ++id) send(id, 1, false);
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 5u);  // no bound by default
+    b.engine.setIncomingLimits_TS(3, 0);
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 3u);
+    EXPECT_TRUE(contains(b.log, "open incoming telegrams over the limit, drop the oldest (tlg.-id: 2)"));
+    send(6, 1, false);  // drops 3
+    send(3, 2, true);   // 3 is gone: its last part opens a new context, which drops 4
+    EXPECT_TRUE(b.requests.empty());
+    send(5, 2, true);   // completes 5 (the engine holds 6, 3 and 5 then)
+    ASSERT_EQ(b.requests.size(), 1u);
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 2u);
+
+    // Bytes: three parts of 4 bytes fit 12; a fourth drops the oldest context, even the one fed.
+    Endpoint c(2);
+    c.answer = Endpoint::NOTHING;
+    c.engine.setIncomingLimits_TS(0, 12);
+    auto sendC = [&c](unsigned int id, unsigned int partId, bool last) {
+        tBlob payload = randomBlob(4, id), frames;
+        nk_telegramPart part(id, 1, 2, partId, 0, last, &payload, nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE,
+                             nk_basicTelegram::COMPRESSION_NONE);
+        part.serialize(&frames);
+        c.engine.pushData(frames.getBuffer(), frames.size());
+        c.poll();
+    };
+    sendC(10, 1, false);
+    sendC(11, 1, false);
+    sendC(10, 2, false);
+    EXPECT_EQ(c.engine.incomingTelegrams_TS(), 2u);
+    sendC(10, 3, false);  // 16 bytes: 10 is the oldest and goes with its three parts
+    EXPECT_EQ(c.engine.incomingTelegrams_TS(), 1u);
+    sendC(11, 2, true);
+    ASSERT_EQ(c.requests.size(), 1u);
+    EXPECT_EQ(c.requests[0].content.size(), 8u);
+    EXPECT_EQ(c.engine.incomingTelegrams_TS(), 0u);
+    for (unsigned int id = 20; id < 40; ++id) sendC(id, 1, false);  // 4 bytes each: three stay
+    EXPECT_EQ(c.engine.incomingTelegrams_TS(), 3u);
+}
+
 TEST(Protocol, CorruptAndTruncatedFramesBetweenGoodOnes)
 {
     Endpoint b(2);
