@@ -9,6 +9,9 @@
 EngineBinding::EngineBinding(std::shared_ptr<Link> link, nk_protocol& engine)
     : m_link(std::move(link)), m_engine(engine)
 {
+    // What one peer may make a tool hold: the library bounds nothing by default.
+    m_engine.setIncomingLimits_TS(kMaxOpenContexts, kMaxOpenBytes);
+    nk_protocol::setMaxDecodedSize(kMaxDecodedBytes);
 }
 
 EngineBinding::~EngineBinding()

@@ -18,6 +18,12 @@
 class EngineBinding
 {
 public:
+    // Bounds set on every bound engine: open incomplete telegrams (oldest dropped first)
+    // and the decoded size of one compressed telegram (larger ones arrive empty).
+    static const unsigned int kMaxOpenContexts = 1024;
+    static const unsigned long long kMaxOpenBytes = 256ull << 20;
+    static const unsigned int kMaxDecodedBytes = 256u << 20;
+
     // The binding polls the engine; both must outlive it, and run on link's io_context.
     EngineBinding(std::shared_ptr<Link> link, nk_protocol& engine);
     ~EngineBinding();
