@@ -1,6 +1,7 @@
 // Frames on the wire: layout, round trips, and how damaged streams are consumed.
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 #include "base128.h"
@@ -215,4 +216,33 @@ TEST(TelegramPart, DecodedSizeLimitRefusesLargerFormsLikeDamagedOnes)
     P plain(1, 1, 2, 1, 0, true, &content, B::TYPE_REQUEST_NO_RESPONSE, B::COMPRESSION_NONE);
     EXPECT_EQ(*plain.isSinglePartTelegram(), content);
     B::setMaxDecodedSize(0);
+}
+
+TEST(TelegramPart, FlagValuesNoSenderWritesAreReadAsDocumented)
+{
+    // A frame with part id 1 and the given flags byte around the payload "hi".
+    auto frameWith = [](unsigned char flags) {
+        std::vector<unsigned char> body = {1, 0, 0, 0, 2, 0, 0, 0, 9, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, flags, 2, 0, 0, 0, 'h', 'i'};
+        body.push_back(crc_crc8init(body.data(), static_cast<unsigned int>(body.size())));
+        std::vector<unsigned char> frame(base128::encodedSize(static_cast<unsigned int>(body.size())) + 2);
+        frame.front() = 0x01;
+        base128::encode(frame.data() + 1, body.data(), static_cast<unsigned int>(body.size()));
+        frame.back() = 0x02;
+        tBlob stream(frame.data(), static_cast<unsigned int>(frame.size()));
+        return stream;
+    };
+    tBlob stream = frameWith(0xFA);  // bits 6-7 set, compression 30, last part, type 2
+    P part;
+    ASSERT_TRUE(part.streamContainsTelegram(&stream));
+    EXPECT_EQ(part.type(), B::TYPE_REQUEST_FORCE_RESPONSE);
+    tBlob* whole = part.isSinglePartTelegram();
+    ASSERT_NE(whole, nullptr);
+    EXPECT_EQ(std::string(reinterpret_cast<char const*>(whole->getBuffer()), whole->size()), "hi");  // undecoded
+    for (unsigned char notLast : {0x02, 0x0E}) {  // part info 00 and 0C
+        tBlob s = frameWith(notLast);
+        P p;
+        ASSERT_TRUE(p.streamContainsTelegram(&s));
+        EXPECT_FALSE(p.isLastPart());
+        EXPECT_EQ(p.isSinglePartTelegram(), nullptr);
+    }
 }
