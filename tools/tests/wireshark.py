@@ -410,6 +410,11 @@ def check_device_session(frames, packets):
     rsp = find(frames, "STATE_RSP", nk__state_rsp__devName="lobby")
     check(rsp is not None and first(rsp, "nk.state_rsp.serial") == "1" and first(rsp, "nk.src") == "1"
           and first(rsp, "nk.flags.type") == "3", "STATE_RSP from the device: serial 1, name, source 1, response")
+    # the device answers the image with its state: configuration, schedules and images held
+    held = find(frames, "STATE_RSP", 2, nk__src="1", nk__state_rsp__images__uid="42")
+    check(held is not None and first(held, "nk.state_rsp.flags") == "7"
+          and [first(held, "nk.state_rsp.flags." + k) for k in ("configHeld", "schedulesHeld", "imagesHeld")]
+          == ["1", "1", "1"], "STATE_RSP answering the image: the image id and the three held flags")
     cfg = find(frames, "SET_CONFIG_REQ", 3)
     check(cfg is not None and first(cfg, "nk.config_req.deviceName") == "lobby panel"
           and first(cfg, "nk.config_req.minUpdateTemp") == "-20" and first(cfg, "nk.config_req.opMode") == "2"

@@ -55,7 +55,11 @@ M.layouts = {
         f("str", "legacy", "Legacy text", { max = 0 }),
         f("str", "devName", "Device name"),
         f("str", "devCus", "devCus"),
-        f("u32", "flags", "Flags"),
+        f("u32", "flags", "Flags", { bits = {
+            { "configHeld", "Configuration held", 0x1, yes_no },
+            { "schedulesHeld", "Schedules held", 0x2, yes_no },
+            { "imagesHeld", "Images held", 0x4, yes_no },
+        } }),
         f("list", "images", "Images", { count = "u32", min = 1,
             f("u64", "uid", "Image id"),
         }),
