@@ -10,6 +10,7 @@ packages=(
   nlohmann-json3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
   libasio-dev libcli11-dev python3 help2man tshark
   mosquitto mosquitto-clients libmosquitto-dev libsqlite3-dev libcpp-httplib-dev
+  python3-dev pybind11-dev python3-pytest python3-paho-mqtt
 )
 if [ "${1:-}" = "--arm" ]; then
   packages+=(g++-arm-linux-gnueabihf qemu-user libssl-dev:armhf libgtest-dev:armhf libbenchmark-dev:armhf
