@@ -213,7 +213,8 @@ class Station:
         try:
             self._engine.enqueue(message.to_bytes(), self.address, done, max(1, math.ceil(seconds)))
             self._poll()
-            content = await answer
+            # The engine times the request out; the margin only guards against a stalled loop.
+            content = await asyncio.wait_for(answer, seconds + 30)
         finally:
             self._waiting.discard(answer)
         reply = _nk.Message.parse(content)
@@ -303,7 +304,12 @@ class Station:
     def _poll(self) -> None:
         if self._closed:
             return
-        self._engine.poll(send=self._link.write)
+        try:
+            self._engine.poll(send=self._link.write)
+        except Exception as e:
+            # Only the link's write can raise here (the answer callbacks do not), and the engine
+            # dropped the telegram it could not send: nothing more will come over this link.
+            self._lost(f"writing to the link failed: {e}")
 
     def _received(self, data: bytes) -> None:
         if self._closed:
