@@ -189,6 +189,18 @@ class Station:
         """Over MQTT, what the panel's online topic says (None before it said anything)."""
         return getattr(self._link, "online", None)
 
+    async def wait_online(self, timeout: Optional[float] = None) -> None:
+        """Over MQTT, wait until the panel says it is online: a request published before the
+        panel subscribed would be lost."""
+        seconds = self.timeout if timeout is None else timeout
+        deadline = asyncio.get_running_loop().time() + seconds
+        while not self.online:
+            if self._closed:
+                raise ConnectionError(self._closed)
+            if asyncio.get_running_loop().time() > deadline:
+                raise asyncio.TimeoutError(f"panel {self.address} did not come online within {seconds:g} s")
+            await asyncio.sleep(0.05)
+
     # Requests
 
     async def request(self, message: _nk.Message, timeout: Optional[float] = None,

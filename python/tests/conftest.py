@@ -98,21 +98,42 @@ def devices():
         d.close()
 
 
-@pytest.fixture
+@pytest.fixture(scope="module")
 def broker():
-    """A mosquitto on a free loopback port, from a generated configuration file."""
-    binary = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
-    if not os.access(binary, os.X_OK):
-        raise RuntimeError("mosquitto is not installed (scripts/install-deps.sh installs it)")
+    """A mosquitto on a free loopback port, started and stopped by scripts/broker.sh; the tests
+    of one file share it, each on topics of its own."""
+    script = os.path.join(SOURCE_DIR, "scripts", "broker.sh")
     work = tempfile.mkdtemp(prefix="nkpy-broker-")
-    port = free_port()
-    conf = os.path.join(work, "mosquitto.conf")
-    with open(conf, "w") as f:
-        f.write(f"listener {port} 127.0.0.1\nallow_anonymous true\npersistence false\n")
-    proc = subprocess.Popen([binary, "-c", conf], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    started = subprocess.run(["bash", script, "start", work], capture_output=True, text=True, timeout=60)
+    if started.returncode != 0:
+        raise RuntimeError("the broker did not start: " + started.stderr)
+    url = started.stdout.strip()
+    host, port = url[len("mqtt://"):].rsplit(":", 1)
     try:
-        wait_for_port(port, proc)
-        yield ("127.0.0.1", port)
+        yield (host, int(port))
+    finally:
+        subprocess.run(["bash", script, "stop", work], timeout=60)
+        shutil.rmtree(work, ignore_errors=True)
+
+
+@pytest.fixture
+def mqtt_device(broker):
+    """A real nkdevice serving one panel (address 5, fleet "py") through the broker."""
+    binary = os.environ.get("NK_NKDEVICE")
+    if not binary or not os.access(binary, os.X_OK):
+        raise RuntimeError("NK_NKDEVICE does not name the nkdevice program (set by CTest)")
+    data = tempfile.mkdtemp(prefix="nkpy-mqtt-device-")
+    proc = subprocess.Popen([binary, "--mqtt", f"mqtt://{broker[0]}:{broker[1]}", "--fleet", "py", "--address", "5",
+                             "--data", data], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    line = []
+    reader = threading.Thread(target=lambda: line.append(proc.stdout.readline()), daemon=True)
+    reader.start()
+    reader.join(30)
+    try:
+        if not line or not line[0]:
+            raise RuntimeError("nkdevice --mqtt did not announce itself")
+        assert json.loads(line[0])["event"] == "serving"
+        yield broker, 5
     finally:
         stop(proc)
-        shutil.rmtree(work, ignore_errors=True)
+        shutil.rmtree(data, ignore_errors=True)

@@ -1,5 +1,6 @@
-"""The asyncio station through a real mosquitto broker, against a panel built on the same
-bindings that speaks the fleet's topics (nk/<fleet>/<address>/down, /up, /online)."""
+"""The asyncio station through a real mosquitto broker, against nkdevice --mqtt and against a
+panel built on the same bindings, both on the fleet's topics (nk/<fleet>/<address>/down, /up,
+/online)."""
 import asyncio
 import json
 import os
@@ -89,10 +90,31 @@ def test_station_over_mqtt_reads_state_and_pushes_a_verified_configuration(broke
     assert panels[0].config.deviceName == "lobby panel" and online is True
 
 
+def test_station_over_mqtt_with_a_real_device(mqtt_device):
+    (host, port), address = mqtt_device
+    with open(os.path.join(SOURCE_DIR, "examples", "schedules.json")) as f:
+        schedules = json.load(f)
+
+    async def session():
+        async with await nk.Station.mqtt(host, port, fleet="py", address=address) as station:
+            await station.wait_online(60)
+            renamed = await station.state(name="mqtt panel")
+            checksum = await station.push_schedules(schedules)
+            await station.push_image(9, b"\x89PNG\r\n\x1a\n" + bytes(1000))
+            after = await station.state()
+            return renamed, checksum, after
+
+    renamed, checksum, after = run(session())
+    assert renamed.devName == "mqtt panel" and renamed.serial == address
+    assert checksum == after.csSched and after.image_present(9)
+
+
 def test_station_over_mqtt_fails_clearly(broker):
     async def nobody_there():
         async with await nk.Station.mqtt(*broker, fleet="lobby", address=99, timeout=1) as station:
             assert station.online is None
+            with pytest.raises(asyncio.TimeoutError, match="panel 99 did not come online within 0.5 s"):
+                await station.wait_online(0.5)
             await station.state()
 
     with pytest.raises(asyncio.TimeoutError, match="STATE_REQ to 99"):
