@@ -1,5 +1,6 @@
 #include "engine_binding.h"
 
+#include "nk_telegram.h"
 #include "output.h"
 
 #include <cerrno>
@@ -26,13 +27,19 @@ void EngineBinding::start(Link::CloseHandler onClose)
             const bool withinBound = m_gate.feed(data, length, [this](unsigned char const* bytes, std::size_t n) {
                 // pushData takes the bytes by copy; its parameter is not const for historical reasons.
                 m_engine.pushData(const_cast<unsigned char*>(bytes), static_cast<unsigned int>(n));
+                m_frame.append(bytes, static_cast<unsigned int>(n));
+                // A whole frame: the engine handles it now, and a request it completes is
+                // known by this frame's header (see currentTelegram).
+                if (bytes[n - 1] == 0x02) {
+                    poll();
+                    m_frame.clear();
+                }
             });
             if (!withinBound) {
                 m_link->close("peer sent a frame longer than " + std::to_string(m_gate.maxFrameBytes()) +
                               " bytes");
                 return;
             }
-            poll();
         },
         std::move(onClose));
 }
@@ -44,6 +51,23 @@ void EngineBinding::poll()
     // answers otherwise, whose second round costs a look at their time-outs.
     m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
     if (m_engine.queuedTelegrams_TS() > 0) m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
+}
+
+bool EngineBinding::currentTelegram(unsigned int& telegramId, unsigned int& source) const
+{
+    if (m_frame.isEmpty()) return false;
+    tBlob frame(m_frame);
+    nk_telegramPart part;
+    if (!part.streamContainsTelegram(&frame)) return false;
+    telegramId = part.telegramId();
+    source = part.sourceAddress();
+    return true;
+}
+
+void EngineBinding::respond(tBlob& content, unsigned int destination, unsigned int telegramId)
+{
+    m_engine.respond_TS(&content, destination, telegramId);
+    poll();
 }
 
 unsigned int EngineBinding::sendToLink(nk_server*, void* ctx, unsigned char* data, unsigned int length,

@@ -41,6 +41,14 @@ public:
     std::uint64_t refusedBytes() const { return m_refusedBytes; }
 
     Link& link() { return *m_link; }
+
+    // While the engine hands a request to its receive callback: the telegram id and source
+    // address of that request, read from the frame that completed it (the engine is polled
+    // after every whole frame). An answer given later goes out with respond(). False when
+    // not called from inside that callback or the frame cannot be read.
+    bool currentTelegram(unsigned int& telegramId, unsigned int& source) const;
+    // Queues content as the answer to telegramId from source, and sends it.
+    void respond(tBlob& content, unsigned int destination, unsigned int telegramId);
     nk_protocol& engine() { return m_engine; }
 
     // The engine's log output, for a --verbose switch: one line per message on stderr.
@@ -53,6 +61,7 @@ private:
     std::shared_ptr<Link> m_link;
     nk_protocol& m_engine;
     FrameGate m_gate;
+    tBlob m_frame;  // the bytes of the frame being received
     std::uint64_t m_refusedBytes = 0;
 };
 

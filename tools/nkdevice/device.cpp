@@ -100,14 +100,11 @@ bool Device::saveConfig()
     return m_config->serializeMsg(&bytes) && m_store.write(kConfigFile, bytes);
 }
 
-bool Device::saveSchedules(nk_message::teVersion version)
+bool Device::replaceSchedules(std::unique_ptr<nk_messageSetSchedulesReq> schedules, nk_message::teVersion version,
+                              tBlob const& file)
 {
-    // The body is written in the version the station used, so that the checksum reported
-    // after a restart is the one it was given.
-    nk_messageSetSchedulesReq copy(version);
-    copy.setSchedulesFrom(m_schedules.get());
-    nk_serializer bytes;
-    if (!copy.serializeMsg(&bytes) || !m_store.write(kSchedulesFile, bytes)) return false;
+    if (!m_store.write(kSchedulesFile, file)) return false;
+    m_schedules = std::move(schedules);
     m_schedulesVersion = version;
     return true;
 }
@@ -179,7 +176,7 @@ std::unique_ptr<nk_messageStateRsp> Device::stateResponse(nk_message::teVersion 
     return state;
 }
 
-void Device::handle(unsigned int source, tBlob* content, std::string const& peer)
+std::unique_ptr<DeviceJob> Device::begin(unsigned int source, tBlob* content, std::string const& peer)
 {
     ++m_counters.requests;
     m_countersChanged = true;
@@ -189,25 +186,36 @@ void Device::handle(unsigned int source, tBlob* content, std::string const& peer
         recordEvent(EVENT_ERROR, CATEGORY_ERROR,
                     tString::format("request refused (type %u, version %u) from %u at %s: %s", read.type,
                                     read.version, source, peer.c_str(), read.refusal.c_str()));
-        return;
+        return nullptr;
     }
-    nk_message& request = *read.message;
     recordEvent(EVENT_REQUEST, CATEGORY_INFO,
-                tString::format("%s (version %u) from %u at %s", request.typeName().c_str(), read.version, source,
-                                peer.c_str()));
-    Reply reply = dispatch(request);
-    if (!reply) return;
+                tString::format("%s (version %u) from %u at %s", read.message->typeName().c_str(), read.version,
+                                source, peer.c_str()));
+    if (read.message->type() == nk_message::SET_SCHEDULES_REQ)
+        return schedulesJob(std::unique_ptr<nk_messageSetSchedulesReq>(
+            static_cast<nk_messageSetSchedulesReq*>(read.message.release())));
+    if (read.message->type() == nk_message::IMAGE)
+        return imageJob(std::unique_ptr<nk_messageImage>(static_cast<nk_messageImage*>(read.message.release())));
+    Reply reply = dispatch(*read.message);
+    if (!reply) return nullptr;
     nk_serializer bytes;
     if (reply->serializeMsg(&bytes)) content->append(bytes);
+    return nullptr;
+}
+
+void Device::handle(unsigned int source, tBlob* content, std::string const& peer)
+{
+    std::unique_ptr<DeviceJob> job = begin(source, content, peer);
+    if (!job) return;
+    job->start(*this);
+    job->work();
+    job->finish(*this, *content);
 }
 
 std::unique_ptr<nk_message> Device::dispatch(nk_message& request)
 {
     switch (request.type()) {
     case nk_message::SET_CONFIG_REQ: return handleConfig(*this, static_cast<nk_messageSetConfigReq&>(request));
-    case nk_message::SET_SCHEDULES_REQ:
-        return handleSchedules(*this, static_cast<nk_messageSetSchedulesReq&>(request));
-    case nk_message::IMAGE: return handleImage(*this, static_cast<nk_messageImage&>(request));
     case nk_message::STATE_REQ: return handleState(*this, static_cast<nk_messageStateReq&>(request));
     case nk_message::EVENTS_REQ: return handleEvents(*this, static_cast<nk_messageEventsReq&>(request));
     case nk_message::STATISTICS_REQ:

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "device_job.h"
 #include "device_store.h"
 #include "nkProtocol.h"
 #include "nk_messageSetConfig.h"
@@ -53,6 +54,10 @@ public:
     // when there is nothing to answer. A refused request is recorded as an error event that
     // says why (see readRequest).
     void handle(unsigned int source, tBlob* content, std::string const& peer);
+    // The same in two steps for a server that keeps its links served while heavy work runs:
+    // either the answer is left in content (or nothing) and null is returned, or content is
+    // emptied and the job that does the work is returned (see DeviceJob).
+    std::unique_ptr<DeviceJob> begin(unsigned int source, tBlob* content, std::string const& peer);
 
     DeviceStore& store() { return m_store; }
     unsigned int address() const { return m_address; }
@@ -63,8 +68,10 @@ public:
 
     nk_messageSetSchedulesReq& schedules() { return *m_schedules; }
     nk_message::teVersion schedulesVersion() const { return m_schedulesVersion; }
-    // Stores the held set as a body of the given version, which its checksum then uses.
-    bool saveSchedules(nk_message::teVersion version);
+    // Writes file (the set serialized in version) and puts schedules in force; false, and
+    // nothing changed, when the file cannot be written.
+    bool replaceSchedules(std::unique_ptr<nk_messageSetSchedulesReq> schedules, nk_message::teVersion version,
+                          tBlob const& file);
 
     nk_messageEventsRsp& events() { return *m_events; }
     void recordEvent(EventType type, EventCategory category, tString const& text,

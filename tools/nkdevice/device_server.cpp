@@ -27,6 +27,14 @@ struct DeviceServer::Connection
     bool serial = false;
 };
 
+struct DeviceServer::QueuedJob
+{
+    std::unique_ptr<DeviceJob> job;
+    unsigned long long connection = 0;
+    unsigned int destination = 0;
+    unsigned int telegramId = 0;
+};
+
 DeviceServer::DeviceServer(asio::io_context& io, Device& device, Options const& options)
     : m_io(io),
       m_device(device),
@@ -37,6 +45,8 @@ DeviceServer::DeviceServer(asio::io_context& io, Device& device, Options const& 
 
 DeviceServer::~DeviceServer()
 {
+    // A job's work still running is waited for; its answer is not sent.
+    m_worker.join();
     m_timer.stop();
     if (m_listener) m_listener->close();
     m_connections.clear();
@@ -92,8 +102,74 @@ void DeviceServer::dropConnection(unsigned long long id, std::string const& reas
 void DeviceServer::onRequest(unsigned int source, tBlob* content, void* context)
 {
     auto* connection = static_cast<Connection*>(context);
-    connection->server->m_device.handle(source, content, connection->peer);
-    if (connection->server->m_device.shutdownRequested()) connection->server->stop();
+    DeviceServer* server = connection->server;
+    std::unique_ptr<DeviceJob> job = server->m_device.begin(source, content, connection->peer);
+    if (job) server->queueJob(std::move(job), *connection);
+    if (server->m_device.shutdownRequested()) server->stop();
+}
+
+DeviceServer::Connection* DeviceServer::findConnection(unsigned long long id)
+{
+    for (auto const& connection : m_connections)
+        if (connection->id == id) return connection.get();
+    return nullptr;
+}
+
+void DeviceServer::queueJob(std::unique_ptr<DeviceJob> job, Connection& connection)
+{
+    std::shared_ptr<QueuedJob> queued(new QueuedJob);
+    if (!connection.binding->currentTelegram(queued->telegramId, queued->destination)) {
+        // Without the request's id an answer given later could not be matched: do it now.
+        tBlob answer;
+        job->start(m_device);
+        job->work();
+        job->finish(m_device, answer);
+        m_device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_NOTICE,
+                             tString(job->what() + " handled on the link's thread: its frame could not be read again"));
+        return;
+    }
+    queued->job = std::move(job);
+    queued->connection = connection.id;
+    m_jobs.push_back(queued);
+    if (!m_jobRunning) startNextJob();
+}
+
+void DeviceServer::startNextJob()
+{
+    while (!m_jobs.empty()) {
+        std::shared_ptr<QueuedJob> queued = m_jobs.front();
+        if (!findConnection(queued->connection)) {
+            m_device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_NOTICE,
+                                 tString(queued->job->what() + " dropped: its station has gone"));
+            m_jobs.pop_front();
+            continue;
+        }
+        m_jobRunning = true;
+        queued->job->start(m_device);
+        asio::post(m_worker, [this, queued] {
+            queued->job->work();
+            asio::post(m_io, [this] { finishJob(); });
+        });
+        return;
+    }
+}
+
+void DeviceServer::finishJob()
+{
+    std::shared_ptr<QueuedJob> queued = m_jobs.front();
+    m_jobs.pop_front();
+    m_jobRunning = false;
+    Connection* connection = findConnection(queued->connection);
+    if (!connection) {
+        // Not put in force: the station that asked cannot learn of it, and will ask again.
+        m_device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_NOTICE,
+                             tString(queued->job->what() + " dropped: its station has gone"));
+    } else {
+        tBlob answer;
+        queued->job->finish(m_device, answer);
+        if (!answer.isEmpty()) connection->binding->respond(answer, queued->destination, queued->telegramId);
+    }
+    startNextJob();
 }
 
 void DeviceServer::stop()
@@ -105,6 +181,7 @@ void DeviceServer::stop()
 
 bool DeviceServer::allFlushed() const
 {
+    if (!m_jobs.empty()) return false;
     for (auto const& connection : m_connections)
         if (connection->engine->queuedTelegrams_TS() > 0 ||
             (connection->binding->link().isOpen() && connection->binding->link().unsentBytes() > 0))

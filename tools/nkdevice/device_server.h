@@ -1,6 +1,7 @@
 #ifndef NK_TOOLS_DEVICE_SERVER_H
 #define NK_TOOLS_DEVICE_SERVER_H
 
+#include <deque>
 #include <list>
 #include <memory>
 #include <string>
@@ -14,7 +15,10 @@
 
 // Serves one device on its links: every TCP connection (or the serial port) gets its own
 // protocol engine with the device's address, so stations never share a stream buffer; all
-// engines and the device run on the one thread that runs the io_context.
+// engines and the device run on the one thread that runs the io_context. The heavy part of a
+// schedule set or an image (DeviceJob::work) runs on a worker thread, one job at a time, and
+// its answer is sent when it is done, so the other stations keep their answers meanwhile; a
+// job whose station has gone is dropped.
 class DeviceServer
 {
 public:
@@ -38,9 +42,17 @@ public:
     void serveLink(std::shared_ptr<Link> link) { addConnection(std::move(link)); }
     // Stops after the answers already queued are written (at most about two seconds).
     void stop();
+    // True while a job's work runs on the worker thread; it cannot be interrupted, and its
+    // result (never confirmed to the station) may be dropped by ending the process.
+    bool workInProgress() const { return m_jobRunning; }
 
 private:
     struct Connection;
+    struct QueuedJob;
+    Connection* findConnection(unsigned long long id);
+    void queueJob(std::unique_ptr<DeviceJob> job, Connection& connection);
+    void startNextJob();
+    void finishJob();
     void addConnection(std::shared_ptr<Link> link);
     void dropConnection(unsigned long long id, std::string const& reason);
     void tick();
@@ -59,6 +71,9 @@ private:
     long long m_stopDeadline_ms = -1;
     long long m_logFlushedAt_ms = 0;
     unsigned long long m_lastConnectionId = 0;
+    std::deque<std::shared_ptr<QueuedJob>> m_jobs;  // the front one runs
+    bool m_jobRunning = false;
+    asio::thread_pool m_worker{1};
 };
 
 #endif

@@ -1,5 +1,7 @@
 #include "handlers.h"
 
+#include <vector>
+
 namespace
 {
 tString contentChecksum(tBlob& content)
@@ -9,45 +11,81 @@ tString contentChecksum(tBlob& content)
     return sha.Result();
 }
 
-void storeImage(Device& device, nk_msgFile& file)
+// Checking each file's content against its checksum and saving it (with fsync) take time
+// in proportion to the content; work() does both away from the links and keeps the events
+// to record for finish().
+class ImageJob : public DeviceJob
 {
-    const tString uid = tString::fromUInt64(file.id());
-    if (file.mimeType() > nk_msgFile::MIME_XML) {
-        device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_ERROR,
-                           tString::format("image %s refused: unsupported mime type %u", uid.c_str(),
-                                           static_cast<unsigned int>(file.mimeType())));
-        return;
-    }
-    if (contentChecksum(file.content()) != file.checksum()) {
-        device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_ERROR,
-                           "image " + uid + " refused: content does not match its checksum");
-        return;
-    }
-    // One file per id: a new type of content replaces the old file of another extension.
-    device.store().removeImage(file.id());
-    // The stored name comes from the id and mime type only; the name the sender gave is
-    // never used as a path.
-    const tString path = file.saveToDir(tString(device.store().imagesDirectory()), true);
-    if (path.isEmpty()) {
-        device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_ERROR, "image " + uid + " could not be stored");
-        return;
-    }
-    device.store().syncImagesDirectory();
-    ++device.counters().imgUpdateCount;
-}
-}
+public:
+    explicit ImageJob(std::unique_ptr<nk_messageImage> request) : m_request(std::move(request)) {}
 
-Reply handleImage(Device& device, nk_messageImage& request)
-{
-    for (unsigned int i = 0; nk_msgFile* file = request.get(i); ++i) {
-        if (request.taskRemove != 0) {
-            if (device.store().removeImage(file->id()) == 0)
-                device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_NOTICE,
-                                   "image " + tString::fromUInt64(file->id()) + " to remove is not held");
-        } else {
-            storeImage(device, *file);
+    void start(Device& device) override { m_store = &device.store(); }
+
+    void work() override
+    {
+        for (unsigned int i = 0; nk_msgFile* file = m_request->get(i); ++i) {
+            const tString uid = tString::fromUInt64(file->id());
+            if (m_request->taskRemove != 0) {
+                if (m_store->removeImage(file->id()) == 0)
+                    note(Device::CATEGORY_NOTICE, "image " + uid + " to remove is not held");
+            } else {
+                store(*file, uid);
+            }
         }
     }
-    // IMAGE has no response message of its own; the state shows which images are now held.
-    return device.stateResponse(nk_message::VERSION_2);
+
+    void finish(Device& device, tBlob& answer) override
+    {
+        for (Note const& n : m_notes) device.recordEvent(Device::EVENT_ERROR, n.category, n.text);
+        device.counters().imgUpdateCount += m_stored;
+        // IMAGE has no response message of its own; the state shows which images are now held.
+        nk_serializer bytes;
+        if (device.stateResponse(nk_message::VERSION_2)->serializeMsg(&bytes)) answer.append(bytes);
+    }
+
+    std::string what() const override { return "image"; }
+
+private:
+    struct Note
+    {
+        Device::EventCategory category;
+        tString text;
+    };
+
+    void note(Device::EventCategory category, tString const& text) { m_notes.push_back(Note{category, text}); }
+
+    void store(nk_msgFile& file, tString const& uid)
+    {
+        if (file.mimeType() > nk_msgFile::MIME_XML) {
+            note(Device::CATEGORY_ERROR, tString::format("image %s refused: unsupported mime type %u", uid.c_str(),
+                                                         static_cast<unsigned int>(file.mimeType())));
+            return;
+        }
+        if (contentChecksum(file.content()) != file.checksum()) {
+            note(Device::CATEGORY_ERROR, "image " + uid + " refused: content does not match its checksum");
+            return;
+        }
+        // One file per id: a new type of content replaces the old file of another extension.
+        m_store->removeImage(file.id());
+        // The stored name comes from the id and mime type only; the name the sender gave is
+        // never used as a path.
+        const tString path = file.saveToDir(tString(m_store->imagesDirectory()), true);
+        if (path.isEmpty()) {
+            note(Device::CATEGORY_ERROR, "image " + uid + " could not be stored");
+            return;
+        }
+        m_store->syncImagesDirectory();
+        ++m_stored;
+    }
+
+    std::unique_ptr<nk_messageImage> m_request;
+    DeviceStore* m_store = nullptr;
+    std::vector<Note> m_notes;
+    unsigned int m_stored = 0;
+};
+}
+
+std::unique_ptr<DeviceJob> imageJob(std::unique_ptr<nk_messageImage> request)
+{
+    return std::unique_ptr<DeviceJob>(new ImageJob(std::move(request)));
 }

@@ -4,14 +4,13 @@
 #include <memory>
 
 #include "device.h"
+#include "device_job.h"
 
 // One handler per message family. Each acts on the device and gives the answer to send
 // back, or null when there is none.
 using Reply = std::unique_ptr<nk_message>;
 
 Reply handleConfig(Device& device, nk_messageSetConfigReq& request);
-Reply handleSchedules(Device& device, nk_messageSetSchedulesReq& request);
-Reply handleImage(Device& device, nk_messageImage& request);
 Reply handleState(Device& device, nk_messageStateReq& request);
 Reply handleEvents(Device& device, nk_messageEventsReq& request);
 Reply handleStatistics(Device& device, nk_messageStatisticsReq& request);
@@ -19,6 +18,10 @@ Reply handleDisplayConfiguration(Device& device, nk_messageGetDisplayConfigurati
 Reply handleTime(Device& device, nk_messageTime& request);
 Reply handleShutdown(Device& device, nk_messageShutdown& request);
 Reply handleGeneric(Device& device, nk_messageGenericReq& request);
+
+// The heavy requests, as jobs (see DeviceJob).
+std::unique_ptr<DeviceJob> schedulesJob(std::unique_ptr<nk_messageSetSchedulesReq> request);
+std::unique_ptr<DeviceJob> imageJob(std::unique_ptr<nk_messageImage> request);
 
 // The display configuration the device reports when its data directory has none.
 std::unique_ptr<nk_messageGetDisplayConfigurationRsp> defaultDisplayConfiguration(nk_message::teVersion version);

@@ -202,6 +202,31 @@ def tcp_part(work):
     check(status == 0 and len(out) == 3 and all("event" in o and o["device"] == address for o in out),
           "events one per line, limited")
 
+    # A large schedule set is merged away from the links: other stations keep their answers
+    # while it is worked on. (The merge of 30000 schedules takes seconds; a state round trip a
+    # fraction of one. A frozen device answers no state before the push has its answer.)
+    big = work + "/big-schedules.json"
+    json.dump({"action": "schedules", "type": "request", "tv": 1, "schedules": [
+        {"uid": i, "name": "s", "startTime": 0, "stopTime": 0, "flags": 0, "frame": 1,
+         "entries": [{"uid": 1, "name": "e", "duration": 5, "imageUid": i}]} for i in range(1, 20001)]}, open(big, "w"))
+    push = subprocess.Popen([ARGS.nkctl, "--json", *link, "--timeout", "60", "schedules", "push", big],
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    answered_meanwhile = 0
+    states_ok = True
+    while push.poll() is None:
+        status, _, _ = ctl(link, "state")
+        states_ok = states_ok and status == 0
+        if push.poll() is None and status == 0:
+            answered_meanwhile += 1
+        time.sleep(0.2)
+    pushed = push.communicate(timeout=60)
+    check(push.returncode == 0 and states_ok and answered_meanwhile > 0,
+          "other stations are answered while a large schedule set is merged (%d answers meanwhile; %s)"
+          % (answered_meanwhile, pushed[1].strip()))
+    status, _, _ = ctl(link, "schedules", "push", schedules_as_library_writes(work + "/sched.json"))
+    status, out, _ = ctl(link, "state")
+    before = out[0] if status == 0 and out else {}
+
     # A kill at any moment keeps what was confirmed.
     device.kill()
     device.wait()
