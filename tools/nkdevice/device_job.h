@@ -16,7 +16,9 @@ class Device;
 //                    files the job owns;
 //   finish(device)   on the device's thread: puts the result in force and leaves the
 //                    serialized answer in answer (empty: nothing to answer).
-// A server drops a job whose station has gone before it started or finished.
+// A server drops a job whose station has gone before it started; one whose station goes
+// while it works is finished only if the work itself changed the device (keptWhenAbandoned:
+// saved image files), and is never answered.
 class DeviceJob
 {
 public:
@@ -26,6 +28,7 @@ public:
     virtual void finish(Device& device, tBlob& answer) = 0;
     // For the event log when the job is dropped.
     virtual std::string what() const = 0;
+    virtual bool keptWhenAbandoned() const { return false; }
 };
 
 #endif

@@ -160,14 +160,15 @@ void DeviceServer::finishJob()
     m_jobs.pop_front();
     m_jobRunning = false;
     Connection* connection = findConnection(queued->connection);
-    if (!connection) {
+    if (!connection && !queued->job->keptWhenAbandoned()) {
         // Not put in force: the station that asked cannot learn of it, and will ask again.
         m_device.recordEvent(Device::EVENT_ERROR, Device::CATEGORY_NOTICE,
                              tString(queued->job->what() + " dropped: its station has gone"));
     } else {
         tBlob answer;
         queued->job->finish(m_device, answer);
-        if (!answer.isEmpty()) connection->binding->respond(answer, queued->destination, queued->telegramId);
+        if (connection && !answer.isEmpty())
+            connection->binding->respond(answer, queued->destination, queued->telegramId);
     }
     startNextJob();
 }

@@ -44,6 +44,8 @@ public:
     }
 
     std::string what() const override { return "image"; }
+    // The files are saved by work(); their events and counts must follow them.
+    bool keptWhenAbandoned() const override { return true; }
 
 private:
     struct Note
