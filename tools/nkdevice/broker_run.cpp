@@ -2,11 +2,13 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <sys/resource.h>
 #include <vector>
 
 #include "device_server.h"
+#include "endpoint.h"
 #include "fleet_topics.h"
 #include "mqtt_panel.h"
 #include "output.h"
@@ -59,10 +61,21 @@ int runOverBroker(BrokerRun const& run)
     topics.prefix = run.topicPrefix;
     topics.fleet = run.fleet;
     if (run.count > 0) raiseDescriptorLimit();
+    std::map<unsigned int, std::string> faults;
+    for (std::string const& fault : run.faults) {
+        const std::size_t colon = fault.find(':');
+        const std::string kind = fault.substr(0, colon);
+        if (colon == std::string::npos || (kind != "wrong-checksum" && kind != "silent"))
+            throw ToolError("--fault " + fault + ": expected wrong-checksum:ADDRESS or silent:ADDRESS", EXIT_USAGE);
+        faults[static_cast<unsigned int>(parseUnsigned(fault.substr(colon + 1), "fault address", 0, 0xFFFFFFFDu))] = kind;
+    }
 
     std::string memoryDirectory;
     std::string dataRoot = run.dataDir;
     if (run.count > 0 && !run.dataGiven) dataRoot = memoryDirectory = makeMemoryDirectory();
+    std::error_code madeRoot;
+    if (run.count > 0 && !std::filesystem::create_directories(dataRoot, madeRoot) && madeRoot)
+        throw ToolError("cannot create data directory " + dataRoot + ": " + madeRoot.message(), EXIT_INPUT);
 
     asio::io_context io;
     DeviceServer::Options options;
@@ -79,6 +92,9 @@ int runOverBroker(BrokerRun const& run)
             panel.device->load();
             panel.server.reset(new DeviceServer(io, *panel.device, options));
             panel.mqtt.reset(new MqttPanel(io, *panel.server, broker, topics, address));
+            auto fault = faults.find(address);
+            if (fault != faults.end() && fault->second == "silent") panel.mqtt->setSilent(true);
+            if (fault != faults.end() && fault->second == "wrong-checksum") panel.device->setConfirmsWrongChecksum(true);
         }
         for (Panel& panel : panels) {
             panel.mqtt->start();

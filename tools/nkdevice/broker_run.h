@@ -2,6 +2,7 @@
 #define NK_TOOLS_BROKER_RUN_H
 
 #include <string>
+#include <vector>
 
 // nkdevice on a broker instead of a TCP listener or a serial port: one device, or (simulate) a
 // fleet of devices in one process, each with its own engine, address, data directory and
@@ -20,6 +21,10 @@ struct BrokerRun
     bool dataGiven = false;
     unsigned int pollPeriod_ms = 250;
     bool verbose = false;
+    // Deliberately faulty devices among them, for testing stations: KIND:ADDRESS with KIND
+    // wrong-checksum (confirms a configuration with a checksum not its own) or silent (online,
+    // never answers).
+    std::vector<std::string> faults;
 };
 
 // Runs until SIGINT/SIGTERM or a SHUTDOWN request; 0 then. Throws ToolError on bad settings.

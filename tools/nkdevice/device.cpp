@@ -159,11 +159,20 @@ void Device::recordEvent(EventType type, EventCategory category, tString const& 
     m_countersChanged = true;
 }
 
+tString Device::reportedConfigChecksum(nk_message::teVersion version) const
+{
+    tString held = m_config->checksum(version);
+    if (!m_confirmsWrongChecksum || held.isEmpty()) return held;
+    std::string wrong = held.str();
+    wrong[0] = wrong[0] == '0' ? '1' : '0';
+    return tString(wrong);
+}
+
 std::unique_ptr<nk_messageStateRsp> Device::stateResponse(nk_message::teVersion version)
 {
     std::unique_ptr<nk_messageStateRsp> state(new nk_messageStateRsp(version));
     const tUidList images = m_store.imageIds();
-    state->set(m_serial, "nkdevice", m_config->checksum(m_config->version()),
+    state->set(m_serial, "nkdevice", reportedConfigChecksum(m_config->version()),
                m_schedules->checksum(m_schedulesVersion), m_counters.requests, 0, NK_TOOLS_VERSION,
                tString::fromUInt64(m_address), m_events->eventCount(), tString(), m_config->device_getName(),
                tString(), images);

@@ -95,6 +95,14 @@ public:
     std::unique_ptr<nk_messageStateRsp> stateResponse(nk_message::teVersion version);
 
     void requestShutdown() { m_shutdownRequested = true; }
+
+    // A deliberately faulty device, for testing stations: it confirms a configuration with a
+    // checksum other than that of what it holds.
+    void setConfirmsWrongChecksum(bool on) { m_confirmsWrongChecksum = on; }
+    bool confirmsWrongChecksum() const { return m_confirmsWrongChecksum; }
+    // The configuration checksum the device reports (in its state and when confirming): that
+    // of what it holds, unless it is deliberately faulty.
+    tString reportedConfigChecksum(nk_message::teVersion version) const;
     bool shutdownRequested() const { return m_shutdownRequested; }
 
 private:
@@ -117,6 +125,7 @@ private:
     Counters m_counters;
     long long m_clockOffset = 0;
     bool m_shutdownRequested = false;
+    bool m_confirmsWrongChecksum = false;
     bool m_eventsChanged = false;
     bool m_countersChanged = false;
 };

@@ -13,6 +13,6 @@ Reply handleConfig(Device& device, nk_messageSetConfigReq& request)
     auto* response = static_cast<nk_messageSetConfigRsp*>(reply.get());
     // The checksum of what the device now holds, not of what it was sent: the station
     // compares the two.
-    response->setChecksum(device.config().checksum(request.version()));
+    response->setChecksum(device.reportedConfigChecksum(request.version()));
     return reply;
 }

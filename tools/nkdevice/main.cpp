@@ -55,6 +55,9 @@ int main(int argc, char** argv)
                    "run N devices in this process, addresses from --address on (with --mqtt)")
         ->check(CLI::Range(1u, 1000000u))
         ->needs(mqttOption);
+    app.add_option("--fault", brokerRun.faults,
+                   "make one device faulty for testing stations: wrong-checksum:ADDRESS or silent:ADDRESS")
+        ->needs(mqttOption);
     app.add_option("--poll-ms", brokerRun.pollPeriod_ms, "period of the engines' polling")
         ->capture_default_str()
         ->check(CLI::Range(1u, 10000u));

@@ -13,7 +13,7 @@ MqttPanel::MqttPanel(asio::io_context& io, DeviceServer& server, MqttUrl const& 
     const std::string down = topics.down(address);
     m_client.reset(new MqttClient(io, options, [this, down](std::string const& topic, unsigned char const* data,
                                                             std::size_t length) {
-        if (topic != down) return;
+        if (topic != down || m_silent) return;
         // A link the server closed (a peer's frame beyond the bound) is replaced, so the device
         // stays reachable.
         if (!m_link || !m_link->isOpen()) openLink();

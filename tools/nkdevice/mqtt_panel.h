@@ -21,6 +21,8 @@ public:
     // Sets the online flag to "0" and disconnects.
     void stop();
     MqttClient& client() { return *m_client; }
+    // A panel that is online and never answers, for testing stations.
+    void setSilent(bool on) { m_silent = on; }
 
 private:
     void openLink();
@@ -30,6 +32,7 @@ private:
     unsigned int m_address;
     std::unique_ptr<MqttClient> m_client;
     std::shared_ptr<MqttLink> m_link;
+    bool m_silent = false;
 };
 
 #endif

@@ -1,0 +1,122 @@
+// nkstation: keeps a fleet of panels at their desired state through an MQTT broker, with its
+// memory in SQLite and an HTTP/JSON API.
+#include <csignal>
+#include <string>
+#include <thread>
+
+#include <CLI/CLI.hpp>
+
+#include "broker_station.h"
+#include "http_api.h"
+#include "output.h"
+#include "reconciler.h"
+#include "tool_error.h"
+
+int main(int argc, char** argv)
+{
+    CLI::App app{"nkstation: keeps a fleet of panels in sync through an MQTT broker"};
+    app.set_version_flag("--version", NK_TOOLS_VERSION);
+    std::string url;
+    std::string fleet;
+    std::string prefix = "nk";
+    std::string database = "nkstation.db";
+    std::string http = "127.0.0.1:8080";
+    std::string clientId;
+    std::string sharedGroup;
+    Reconciler::Options reconcile;
+    unsigned int pollInterval_s = 300;
+    unsigned int collectInterval_s = 300;
+    bool verbose = false;
+    app.add_option("--mqtt", url, "the broker, mqtt://HOST[:PORT]")->required();
+    app.add_option("--fleet", fleet, "fleet name in the broker topics")->required();
+    app.add_option("--topic-prefix", prefix, "first level of the broker topics")->capture_default_str();
+    app.add_option("--db", database, "the SQLite store (created if missing)")->capture_default_str();
+    app.add_option("--http", http, "HTTP API address, HOST:PORT (port 0 picks a free one)")->capture_default_str();
+    app.add_option("--client-id", clientId, "MQTT client id (default nkstation-<fleet>)");
+    app.add_option("--shared-group", sharedGroup, "share the fleet with other stations in this subscription group");
+    app.add_option("--max-concurrent", reconcile.maxConcurrent, "devices worked on at once")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 100000u));
+    app.add_option("--timeout", reconcile.requestTimeout_s, "seconds a panel has to answer")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 3600u));
+    app.add_option("--poll-interval", pollInterval_s, "seconds between state polls of an idle panel")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 86400u));
+    app.add_option("--collect-interval", collectInterval_s, "seconds between event and statistics collections")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 86400u));
+    app.add_flag("--verbose,-v", verbose, "log the engines' messages on standard error");
+    app.footer(exitCodeHelp());
+    app.failure_message([](CLI::App const*, CLI::Error const& e) {
+        return std::string("nkstation: ") + e.what() + " (see --help)\n";
+    });
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& e) {
+        return app.exit(e) == 0 ? EXIT_OK : EXIT_USAGE;
+    }
+    reconcile.statePollInterval = std::chrono::seconds(pollInterval_s);
+    reconcile.collectInterval = std::chrono::seconds(collectInterval_s);
+
+    try {
+        BrokerStation::Options options;
+        options.broker = parseMqttUrl(url);
+        if (!isTopicLevel(fleet)) throw ToolError("fleet name '" + fleet + "' must be one topic level without / + #", EXIT_USAGE);
+        if (!isTopicLevel(prefix)) throw ToolError("topic prefix '" + prefix + "' must be one topic level", EXIT_USAGE);
+        if (!sharedGroup.empty() && !isTopicLevel(sharedGroup))
+            throw ToolError("shared group '" + sharedGroup + "' must be one topic level", EXIT_USAGE);
+        options.topics.prefix = prefix;
+        options.topics.fleet = fleet;
+        options.clientId = clientId.empty() ? "nkstation-" + fleet : clientId;
+        options.sharedGroup = sharedGroup;
+        options.verbose = verbose;
+        const Endpoint httpEndpoint = parseEndpoint(http, "127.0.0.1");
+
+        std::unique_ptr<FleetStore> store = openSqliteStore(database);
+        asio::io_context io;
+        BrokerStation station(io, options);
+        Reconciler reconciler(io, *store, station, reconcile);
+        ChangeLog changes;
+        reconciler.onChange([&changes](nlohmann::json const& change) { changes.add(change.dump()); });
+        station.onPresence([&reconciler](unsigned int address, bool online) { reconciler.presence(address, online); });
+        station.onConnection([&reconciler](bool connected, std::string const&) { reconciler.brokerConnection(connected); });
+        HttpApi api(io, *store, reconciler, changes, [&station] {
+            return nlohmann::json{{"connected", station.connected()},
+                                  {"received", station.client().messagesReceived()},
+                                  {"published", station.client().messagesPublished()},
+                                  {"stray", station.strayMessages()}};
+        });
+        const Endpoint bound = api.listen(httpEndpoint);
+        reconciler.start();
+        station.start();
+
+        tJson line;
+        line.addString("event", "listening");
+        line.addString("http", tString(bound.text()));
+        line.addString("broker", tString(url));
+        line.addString("fleet", tString(fleet));
+        line.addString("db", tString(database));
+        Output(Output::JSON).emit(line);
+
+        asio::signal_set signals(io, SIGINT, SIGTERM);
+        signals.async_wait([&io](std::error_code ec, int) {
+            if (!ec) io.stop();
+        });
+        io.run();
+        // Requests still being answered wait for the polling thread: it runs while they end.
+        io.restart();
+        std::thread drain([&io] { io.run(); });
+        api.stop();
+        io.stop();
+        drain.join();
+        station.stop();
+        return EXIT_OK;
+    } catch (ToolError const& e) {
+        reportError("nkstation", e.what());
+        return e.code;
+    } catch (std::exception const& e) {
+        reportError("nkstation", e.what());
+    }
+    return EXIT_FAILURE_OTHER;
+}

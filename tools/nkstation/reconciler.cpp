@@ -1,0 +1,393 @@
+#include "reconciler.h"
+
+#include "nk_messageEvents.h"
+#include "nk_messageState.h"
+#include "nk_messageStatistics.h"
+#include "station.h"
+#include "tool_error.h"
+
+struct Reconciler::Job
+{
+    unsigned int address = 0;
+    EffectiveDesired desired;
+    bool collectDue = false;
+    std::string pushed;  // what this round pushed, for the reason of a failed verification
+};
+
+namespace
+{
+std::unique_ptr<nk_message> answerOf(tBlob* content, nk_message::teType expected, std::string& error)
+{
+    if (!content) return nullptr;
+    std::unique_ptr<nk_message> message = decodeMessage(content, error);
+    if (message && message->type() != expected) {
+        error = "unexpected answer of type " + std::to_string(static_cast<unsigned int>(message->type()));
+        message.reset();
+    }
+    return message;
+}
+}
+
+Reconciler::Reconciler(asio::io_context& io, FleetStore& store, BrokerStation& station, Options options)
+    : m_io(io), m_store(store), m_station(station), m_options(options), m_timer(io)
+{
+}
+
+long long Reconciler::nowMs() const
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+void Reconciler::start()
+{
+    // Nothing is known about presence until the broker hands over the retained flags; a device
+    // that was being pushed to resumes when its flag says it is online.
+    for (DeviceRecord& device : m_store.devices()) {
+        device.online = false;
+        m_devices[device.address] = device;
+    }
+    tick();
+}
+
+EffectiveDesired Reconciler::desiredFor(DeviceRecord const& device)
+{
+    return resolveDesired(m_store.desired(FleetStore::GROUP, device.group),
+                          m_store.desired(FleetStore::DEVICE, std::to_string(device.address)));
+}
+
+void Reconciler::save(DeviceRecord const& device)
+{
+    m_store.putDevice(device);
+    if (m_onChange)
+        m_onChange({{"kind", "device"},
+                    {"address", device.address},
+                    {"status", device.status},
+                    {"online", device.online},
+                    {"error", device.lastError}});
+}
+
+void Reconciler::setStatus(DeviceRecord& device, std::string const& status, std::string const& error)
+{
+    device.status = status;
+    device.lastError = error;
+}
+
+void Reconciler::setGroup(unsigned int address, std::string const& group)
+{
+    DeviceRecord& device = m_devices[address];
+    device.address = address;
+    device.group = group;
+    save(device);
+    deviceChanged(address);
+}
+
+void Reconciler::presence(unsigned int address, bool online)
+{
+    DeviceRecord& device = m_devices[address];
+    const bool known = device.address == address && (device.reported || device.lastSeen_ms != 0);
+    device.address = address;
+    device.online = online;
+    if (online) {
+        device.lastSeen_ms = nowMs();
+        device.attempts = 0;
+        device.nextAttempt_ms = 0;
+        save(device);
+        enqueue(address);
+        return;
+    }
+    if (!known && !online && device.lastSeen_ms == 0) device.lastSeen_ms = 0;
+    if (m_busy.count(address) == 0) {
+        const EffectiveDesired desired = desiredFor(device);
+        const bool waiting = desired.anything() && !describeDifference(device, desired).empty();
+        setStatus(device, waiting ? "pending" : "offline", waiting ? device.lastError : std::string());
+    }
+    save(device);
+}
+
+void Reconciler::brokerConnection(bool connected)
+{
+    if (m_onChange) m_onChange({{"kind", "broker"}, {"connected", connected}});
+}
+
+void Reconciler::desiredChanged()
+{
+    for (auto& entry : m_devices) deviceChanged(entry.first);
+}
+
+void Reconciler::deviceChanged(unsigned int address)
+{
+    DeviceRecord& device = m_devices[address];
+    device.address = address;
+    if (device.online) {
+        device.attempts = 0;
+        device.nextAttempt_ms = 0;
+        enqueue(address);
+        return;
+    }
+    if (m_busy.count(address) > 0) return;
+    const EffectiveDesired desired = desiredFor(device);
+    const bool waiting = desired.anything() && !describeDifference(device, desired).empty();
+    const std::string status = waiting ? "pending" : "offline";
+    if (status != device.status) {
+        setStatus(device, status, device.lastError);
+        save(device);
+    }
+}
+
+void Reconciler::enqueue(unsigned int address)
+{
+    if (m_busy.count(address) > 0) {
+        m_again.insert(address);
+        return;
+    }
+    if (m_queued.insert(address).second) m_ready.push_back(address);
+    pump();
+}
+
+void Reconciler::pump()
+{
+    while (m_inFlight < m_options.maxConcurrent && !m_ready.empty()) {
+        const unsigned int address = m_ready.front();
+        m_ready.pop_front();
+        m_queued.erase(address);
+        if (!m_devices[address].online) continue;
+        begin(address);
+    }
+}
+
+void Reconciler::begin(unsigned int address)
+{
+    m_busy.insert(address);
+    ++m_inFlight;
+    auto job = std::make_shared<Job>();
+    job->address = address;
+    DeviceRecord& device = m_devices[address];
+    try {
+        job->desired = desiredFor(device);
+    } catch (ToolError const& e) {
+        // Stored desired state is checked before it is stored; this guards a store edited by hand.
+        finish(job, "failed", std::string("desired state unreadable: ") + e.what());
+        return;
+    }
+    auto last = m_lastCollect_ms.find(address);
+    job->collectDue = last == m_lastCollect_ms.end() ||
+                      nowMs() - last->second >= std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                     m_options.collectInterval).count();
+    pollState(job, nullptr);
+}
+
+void Reconciler::pollState(std::shared_ptr<Job> job, char const* after)
+{
+    nk_messageStateReq request(nk_message::VERSION_2);
+    m_station.request(job->address, request, m_options.requestTimeout_s,
+                      [this, job, after](tBlob* content, std::string const& why) {
+                          std::string error = why;
+                          auto answer = answerOf(content, nk_message::STATE_RSP, error);
+                          if (!answer) {
+                              finish(job, "failed", "state request: " + error);
+                              return;
+                          }
+                          auto& state = static_cast<nk_messageStateRsp&>(*answer);
+                          DeviceRecord& device = m_devices[job->address];
+                          device.reported = true;
+                          device.serial = state.serial();
+                          device.csCfg = state.csCfg().str();
+                          device.csSched = state.csSched().str();
+                          device.name = state.devName().str();
+                          device.images.assign(state.images().begin(), state.images().end());
+                          device.flags = state.flags();
+                          device.lastSeen_ms = nowMs();
+                          m_lastPoll_ms[job->address] = device.lastSeen_ms;
+                          if (!after) {
+                              decide(job);
+                              return;
+                          }
+                          const std::string difference = describeDifference(device, job->desired);
+                          if (!difference.empty()) {
+                              finish(job, "failed",
+                                     "after pushing " + job->pushed + " the panel still differs in " + difference);
+                              return;
+                          }
+                          collect(job);
+                      });
+}
+
+void Reconciler::decide(std::shared_ptr<Job> job)
+{
+    DeviceRecord& device = m_devices[job->address];
+    const std::string difference = describeDifference(device, job->desired);
+    if (difference.empty()) {
+        collect(job);
+        return;
+    }
+    setStatus(device, "pushing", std::string());
+    save(device);
+    if (job->desired.config && device.csCfg != job->desired.csCfg) pushConfig(job);
+    else if (job->desired.schedules && device.csSched != job->desired.csSched) pushSchedules(job);
+    else pushName(job);
+}
+
+void Reconciler::pushConfig(std::shared_ptr<Job> job)
+{
+    std::unique_ptr<nk_messageSetConfigReq> config;
+    try {
+        config = configFromJson(*job->desired.config, job->desired.name);
+    } catch (ToolError const& e) {
+        finish(job, "failed", e.what());
+        return;
+    }
+    job->pushed += job->pushed.empty() ? "configuration" : ", configuration";
+    m_station.request(job->address, *config, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+        std::string error = why;
+        auto answer = answerOf(content, nk_message::SET_CONFIG_RSP, error);
+        if (!answer) {
+            finish(job, "failed", "configuration push: " + error);
+            return;
+        }
+        const std::string held = static_cast<nk_messageSetConfigRsp&>(*answer).getChecksum().str();
+        if (held != job->desired.csCfg) {
+            finish(job, "failed",
+                   "configuration checksum mismatch: panel holds " + held + ", sent " + job->desired.csCfg);
+            return;
+        }
+        DeviceRecord& device = m_devices[job->address];
+        device.csCfg = held;
+        if (job->desired.schedules && device.csSched != job->desired.csSched) pushSchedules(job);
+        else pollState(job, "push");
+    });
+}
+
+void Reconciler::pushSchedules(std::shared_ptr<Job> job)
+{
+    std::unique_ptr<nk_messageSetSchedulesReq> set;
+    try {
+        set = schedulesFromJsonText(*job->desired.schedules);
+    } catch (ToolError const& e) {
+        finish(job, "failed", e.what());
+        return;
+    }
+    job->pushed += job->pushed.empty() ? "schedules" : ", schedules";
+    m_station.request(job->address, *set, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+        std::string error = why;
+        auto answer = answerOf(content, nk_message::SET_SCHEDULES_RSP, error);
+        if (!answer) {
+            finish(job, "failed", "schedules push: " + error);
+            return;
+        }
+        const std::string held = static_cast<nk_messageSetSchedulesRsp&>(*answer).getChecksum().str();
+        if (held != job->desired.csSched) {
+            finish(job, "failed", "schedules checksum mismatch: panel holds " + held + ", sent " + job->desired.csSched);
+            return;
+        }
+        m_devices[job->address].csSched = held;
+        pollState(job, "push");
+    });
+}
+
+void Reconciler::pushName(std::shared_ptr<Job> job)
+{
+    nk_messageStateReq request(nk_message::VERSION_2);
+    request.setTaskNewName(tString(*job->desired.name));
+    job->pushed += job->pushed.empty() ? "name" : ", name";
+    m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+        std::string error = why;
+        if (!answerOf(content, nk_message::STATE_RSP, error)) {
+            finish(job, "failed", "name push: " + error);
+            return;
+        }
+        pollState(job, "push");
+    });
+}
+
+void Reconciler::collect(std::shared_ptr<Job> job)
+{
+    if (!job->collectDue) {
+        finish(job, "in sync", std::string());
+        return;
+    }
+    nk_messageEventsReq request(nk_message::VERSION_2);
+    m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+        std::string error = why;
+        auto answer = answerOf(content, nk_message::EVENTS_RSP, error);
+        if (answer) {
+            auto& events = static_cast<nk_messageEventsRsp&>(*answer);
+            std::vector<EventRecord> records;
+            for (unsigned int i = 0; nk_messageEvent* event = events.getEvent(i); ++i) {
+                EventRecord record;
+                record.address = job->address;
+                record.eventId = event->id();
+                record.time = event->timeFirst();
+                record.category = event->category();
+                record.type = event->type();
+                record.text = event->eventMessage().str();
+                records.push_back(std::move(record));
+            }
+            const unsigned int added = m_store.addEvents(records);
+            if (added > 0 && m_onChange) m_onChange({{"kind", "events"}, {"address", job->address}, {"new", added}});
+        }
+        nk_messageStatisticsReq statistics(nk_message::VERSION_1);
+        m_station.request(job->address, statistics, m_options.requestTimeout_s,
+                          [this, job](tBlob* content, std::string const& why) {
+                              std::string error = why;
+                              auto answer = answerOf(content, nk_message::STATISTICS_RSP, error);
+                              if (answer) {
+                                  tJson json;
+                                  answer->serializeToJson(&json);
+                                  StatisticsSample sample;
+                                  sample.address = job->address;
+                                  sample.time_ms = nowMs();
+                                  sample.json = json.getJson(false).str();
+                                  m_store.addStatistics(sample);
+                                  m_lastCollect_ms[job->address] = sample.time_ms;
+                              }
+                              finish(job, "in sync", std::string());
+                          });
+    });
+}
+
+void Reconciler::finish(std::shared_ptr<Job> job, std::string const& status, std::string const& error)
+{
+    DeviceRecord& device = m_devices[job->address];
+    if (status == "failed") {
+        ++device.attempts;
+        const long long base = m_options.retryMin.count();
+        const long long delay =
+            std::min<long long>(base << std::min<unsigned int>(device.attempts - 1, 20), m_options.retryMax.count());
+        device.nextAttempt_ms = nowMs() + delay;
+        // A panel that went away during the round keeps its work waiting.
+        setStatus(device, device.online ? "failed" : "pending", error);
+    } else {
+        device.attempts = 0;
+        device.nextAttempt_ms = 0;
+        setStatus(device, status, error);
+    }
+    save(device);
+    m_busy.erase(job->address);
+    --m_inFlight;
+    if (m_again.erase(job->address) > 0) {
+        device.attempts = 0;
+        enqueue(job->address);
+    }
+    pump();
+}
+
+void Reconciler::tick()
+{
+    const long long now = nowMs();
+    const long long pollEvery = std::chrono::duration_cast<std::chrono::milliseconds>(m_options.statePollInterval).count();
+    for (auto& entry : m_devices) {
+        DeviceRecord& device = entry.second;
+        if (!device.online || m_busy.count(entry.first) || m_queued.count(entry.first)) continue;
+        if (device.status == "failed") {
+            if (now >= device.nextAttempt_ms) enqueue(entry.first);
+            continue;
+        }
+        auto last = m_lastPoll_ms.find(entry.first);
+        if (last == m_lastPoll_ms.end() || now - last->second >= pollEvery) enqueue(entry.first);
+    }
+    m_timer.expires_after(std::chrono::seconds(1));
+    m_timer.async_wait([this](std::error_code ec) {
+        if (!ec) tick();
+    });
+}

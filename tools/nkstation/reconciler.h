@@ -1,0 +1,92 @@
+#ifndef NK_STATION_RECONCILER_H
+#define NK_STATION_RECONCILER_H
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+
+#include <asio.hpp>
+#include <nlohmann/json.hpp>
+
+#include "broker_station.h"
+#include "desired_state.h"
+#include "fleet_store.h"
+
+// Keeps every panel at its desired state. For each device it asks for the state, compares the
+// checksums and the name with what the device should hold, pushes what differs (configuration
+// before schedules), verifies each push with the checksum the panel returns and then with a new
+// state, and retries failures with exponential back-off. Work runs with bounded concurrency;
+// state is polled when a panel comes online, after every push and at a settable interval.
+// Events (deduplicated) and statistics samples are collected on the same round at their own
+// interval. Everything runs on the io_context's thread; the store is written through on every
+// change, so a restarted station resumes from what it kept.
+class Reconciler
+{
+public:
+    struct Options
+    {
+        unsigned int maxConcurrent = 64;
+        unsigned int requestTimeout_s = 10;
+        std::chrono::seconds statePollInterval{300};
+        std::chrono::seconds collectInterval{300};
+        std::chrono::milliseconds retryMin{2000};
+        std::chrono::milliseconds retryMax{300000};
+    };
+    // A change for the event stream: {"kind": ..., ...}.
+    using ChangeHandler = std::function<void(nlohmann::json const& change)>;
+
+    Reconciler(asio::io_context& io, FleetStore& store, BrokerStation& station, Options options);
+
+    void onChange(ChangeHandler handler) { m_onChange = std::move(handler); }
+    void start();
+
+    // After the desired state of a group or device changed: every device concerned is looked at again.
+    void desiredChanged();
+    void deviceChanged(unsigned int address);
+    void presence(unsigned int address, bool online);
+    void brokerConnection(bool connected);
+
+    std::map<unsigned int, DeviceRecord> const& devices() const { return m_devices; }
+    EffectiveDesired desiredFor(DeviceRecord const& device);
+    // Registers a device not yet heard of, or moves it to another group.
+    void setGroup(unsigned int address, std::string const& group);
+    unsigned int inFlight() const { return m_inFlight; }
+    std::size_t queued() const { return m_ready.size(); }
+
+private:
+    struct Job;
+    void enqueue(unsigned int address);
+    void pump();
+    void begin(unsigned int address);
+    void pollState(std::shared_ptr<Job> job, char const* after);
+    void decide(std::shared_ptr<Job> job);
+    void pushConfig(std::shared_ptr<Job> job);
+    void pushSchedules(std::shared_ptr<Job> job);
+    void pushName(std::shared_ptr<Job> job);
+    void collect(std::shared_ptr<Job> job);
+    void finish(std::shared_ptr<Job> job, std::string const& status, std::string const& error);
+    void setStatus(DeviceRecord& device, std::string const& status, std::string const& error);
+    void save(DeviceRecord const& device);
+    void tick();
+    long long nowMs() const;
+
+    asio::io_context& m_io;
+    FleetStore& m_store;
+    BrokerStation& m_station;
+    Options m_options;
+    ChangeHandler m_onChange;
+    std::map<unsigned int, DeviceRecord> m_devices;
+    std::map<unsigned int, long long> m_lastPoll_ms;
+    std::map<unsigned int, long long> m_lastCollect_ms;
+    std::deque<unsigned int> m_ready;
+    std::set<unsigned int> m_queued;
+    std::set<unsigned int> m_busy;
+    std::set<unsigned int> m_again;  // changed while busy: looked at again when done
+    unsigned int m_inFlight = 0;
+    asio::steady_timer m_timer;
+};
+
+#endif
