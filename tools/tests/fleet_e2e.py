@@ -30,6 +30,7 @@ GOOD = 18          # addresses 1000..1017 behave
 WRONG = FIRST + 18  # confirms a wrong checksum
 SILENT = FIRST + 19  # online, never answers
 COUNT = 20
+RENAMED = FIRST + 3  # has a device override
 
 
 def check(condition, what):
@@ -121,8 +122,10 @@ def statuses(station):
 def converged(station, cs=None):
     """The good panels in sync (with configuration checksum cs, when given), the faulty ones failed."""
     devices = statuses(station)
+    # The panel with its own name has its own configuration checksum.
     good = all(devices.get(a, {}).get("status") == "in sync" and
-               (cs is None or devices[a]["reported"]["csCfg"] == cs) for a in range(FIRST, FIRST + GOOD))
+               devices[a]["reported"]["csCfg"] == devices[a]["desired"]["csCfg"] and
+               (cs is None or a == RENAMED or devices[a]["reported"]["csCfg"] == cs) for a in range(FIRST, FIRST + GOOD))
     wrong = devices.get(WRONG, {})
     silent = devices.get(SILENT, {})
     return good and wrong.get("status") == "failed" and "checksum mismatch" in wrong.get("error", "") and \
@@ -185,11 +188,11 @@ def main():
     check(wrong["reported"]["csCfg"] != "" and wrong["attempts"] >= 1, "the wrong-checksum panel is retried with back-off")
 
     # A per-device override: the name goes into that panel's configuration alone.
-    status, _ = station.call("PUT", "/api/devices/%d/desired" % (FIRST + 3), {"name": "lobby 3"})
+    status, _ = station.call("PUT", "/api/devices/%d/desired" % RENAMED, {"name": "lobby 3"})
     check(status == 200, "a device override is accepted")
     wait_for("the overridden panel reports its new name, in sync",
              lambda: (lambda d: d["status"] == "in sync" and d["reported"]["name"] == "lobby 3")(
-                 station.get("/api/devices/%d" % (FIRST + 3))))
+                 station.get("/api/devices/%d" % RENAMED)))
     check(station.get("/api/devices/%d" % (FIRST + 4))["reported"]["name"] == config["deviceName"],
           "the other panels keep the group's name")
 
