@@ -95,14 +95,14 @@ int cmdImageRemove(CtlContext& ctx, std::string const& idText)
     if (ctx.station.serialPath.empty()) {
         others.station.devices.clear();
         for (std::string const& device : ctx.station.devices)
-            if (holds(parseDeviceSpec(device, ctx.station.deviceAddress).name())) others.station.devices.push_back(device);
+            if (holds(parseDeviceLocation(device, ctx.station.deviceAddress).name())) others.station.devices.push_back(device);
         if (others.station.devices.empty()) return status;
     } else {
         std::vector<unsigned int> addresses = ctx.station.serialAddresses;
         if (addresses.empty()) addresses.push_back(ctx.station.deviceAddress);
         others.station.serialAddresses.clear();
         for (unsigned int address : addresses)
-            if (holds(DeviceSpec{ctx.station.serialPath, address, !ctx.station.serialAddresses.empty()}.name()))
+            if (holds(DeviceLocation{ctx.station.serialPath, address, !ctx.station.serialAddresses.empty()}.name()))
                 others.station.serialAddresses.push_back(address);
         if (others.station.serialAddresses.empty()) return status;
     }

@@ -46,23 +46,23 @@ struct Station::Pending
     bool givenUp = false;  // ended by the station while the engine may still hold the request
 };
 
-std::string DeviceSpec::name() const
+std::string DeviceLocation::name() const
 {
     return addressGiven ? std::to_string(address) + "@" + link : link;
 }
 
-DeviceSpec parseDeviceSpec(std::string const& text, unsigned int defaultAddress)
+DeviceLocation parseDeviceLocation(std::string const& text, unsigned int defaultAddress)
 {
-    DeviceSpec spec{text, defaultAddress, false};
+    DeviceLocation location{text, defaultAddress, false};
     const std::size_t at = text.find('@');
     if (at != std::string::npos) {
-        spec.address = static_cast<unsigned int>(
+        location.address = static_cast<unsigned int>(
             parseUnsigned(text.substr(0, at), ("device address of '" + text + "'").c_str(), 0, 0xFFFFFFFEu));
-        spec.addressGiven = true;
-        spec.link = text.substr(at + 1);
+        location.addressGiven = true;
+        location.link = text.substr(at + 1);
     }
-    spec.link = parseEndpoint(spec.link, "127.0.0.1").text();
-    return spec;
+    location.link = parseEndpoint(location.link, "127.0.0.1").text();
+    return location;
 }
 
 std::vector<std::string> devicesFromText(std::string const& text)
@@ -121,29 +121,29 @@ Station::~Station()
 
 void Station::connect()
 {
-    std::vector<DeviceSpec> specs;
+    std::vector<DeviceLocation> locations;
     if (!m_options.serialPath.empty()) {
         std::vector<unsigned int> addresses = m_options.serialAddresses;
         if (addresses.empty()) addresses.push_back(m_options.deviceAddress);
-        for (unsigned int address : addresses) specs.push_back(DeviceSpec{m_options.serialPath, address, !m_options.serialAddresses.empty()});
+        for (unsigned int address : addresses) locations.push_back(DeviceLocation{m_options.serialPath, address, !m_options.serialAddresses.empty()});
     } else {
         // Addresses are checked before anything is sent.
-        for (std::string const& device : m_options.devices) specs.push_back(parseDeviceSpec(device, m_options.deviceAddress));
+        for (std::string const& device : m_options.devices) locations.push_back(parseDeviceLocation(device, m_options.deviceAddress));
     }
 
     // One link per HOST:PORT (or serial port); a device that cannot be reached fails alone
     // when there are several, so the others are still served.
-    for (DeviceSpec const& spec : specs) {
+    for (DeviceLocation const& location : locations) {
         Connection* connection = nullptr;
         for (auto const& existing : m_connections)
-            if (existing->name == spec.link) connection = existing.get();
+            if (existing->name == location.link) connection = existing.get();
         if (!connection) {
             std::unique_ptr<Connection> fresh(new Connection);
-            fresh->name = spec.link;
+            fresh->name = location.link;
             std::shared_ptr<Link> link;
             try {
                 link = m_options.serialPath.empty()
-                           ? connectTcp(m_io, parseEndpoint(spec.link, "127.0.0.1"), std::chrono::seconds(m_options.timeout_s))
+                           ? connectTcp(m_io, parseEndpoint(location.link, "127.0.0.1"), std::chrono::seconds(m_options.timeout_s))
                            : openSerial(m_io, m_options.serialPath, m_options.baud);
             } catch (ToolError const& e) {
                 fresh->closedReason = e.what();
@@ -162,7 +162,7 @@ void Station::connect()
             connection = fresh.get();
             m_connections.push_back(std::move(fresh));
         }
-        m_targets.push_back(Target{spec, connection});
+        m_targets.push_back(Target{location, connection});
     }
     // Only for time-outs: answers are handled as their bytes arrive.
     m_timer.reset(new PollTimer(m_io, std::chrono::milliseconds(250), [this] {
@@ -177,14 +177,14 @@ void Station::onResponse(unsigned int address, tBlob* content, void*, bool timed
     Reply& reply = *pending->reply;
     pending->done = true;
     if (timedOut) {
-        reply.error = "time-out: device " + pending->target->spec.name() + " did not answer";
+        reply.error = "time-out: device " + pending->target->location.name() + " did not answer";
         reply.code = EXIT_TIMEOUT;
         return;
     }
     // Answers are matched by telegram id alone; one from another address is not this
     // device's, whatever it holds.
-    if (pending->target->spec.address != kBroadcast && address != pending->target->spec.address) {
-        reply.error = "answer for " + pending->target->spec.name() + " came from address " + std::to_string(address);
+    if (pending->target->location.address != kBroadcast && address != pending->target->location.address) {
+        reply.error = "answer for " + pending->target->location.name() + " came from address " + std::to_string(address);
         reply.code = EXIT_FAILURE_OTHER;
         return;
     }
@@ -218,7 +218,7 @@ std::vector<Station::Reply> Station::request(nk_message& msg, std::string const&
 
     for (std::size_t i = 0; i < m_targets.size(); ++i) {
         Target& target = m_targets[i];
-        replies[i].target = target.spec.name();
+        replies[i].target = target.location.name();
         pendings[i].target = &target;
         pendings[i].reply = &replies[i];
         Connection* connection = target.connection;
@@ -229,7 +229,7 @@ std::vector<Station::Reply> Station::request(nk_message& msg, std::string const&
             continue;
         }
         tBlob content(bytes);
-        connection->engine->enqueue_TS(&content, target.spec.address, &Station::onResponse, kEngineTimeout_s,
+        connection->engine->enqueue_TS(&content, target.location.address, &Station::onResponse, kEngineTimeout_s,
                                        &pendings[i]);
     }
     std::uint64_t total = 0;
@@ -268,14 +268,14 @@ std::vector<Station::Reply> Station::request(nk_message& msg, std::string const&
                 replies[i].error = "the request (" + std::to_string(bytes.size()) +
                                    " bytes) exceeds the local send queue of " +
                                    std::to_string(Link::kMaxQueuedBytes >> 20) + " MiB; nothing more was sent to " +
-                                   m_targets[i].spec.name();
+                                   m_targets[i].location.name();
                 replies[i].code = EXIT_LOCAL_LIMIT;
             } else if (!connection.open()) {
                 replies[i].error = connection.failure();
                 replies[i].code = EXIT_FAILURE_OTHER;
             } else if (now - connection.lastProgress > quiet) {
-                replies[i].error = "time-out: device " + std::to_string(m_targets[i].spec.address) + " at " +
-                                   m_targets[i].spec.link + " did not answer within " +
+                replies[i].error = "time-out: device " + std::to_string(m_targets[i].location.address) + " at " +
+                                   m_targets[i].location.link + " did not answer within " +
                                    std::to_string(m_options.timeout_s) + " s of the last byte moved";
                 replies[i].code = EXIT_TIMEOUT;
             } else {

@@ -27,7 +27,7 @@ struct StationOptions
 };
 
 // One device as the command line names it.
-struct DeviceSpec
+struct DeviceLocation
 {
     std::string link;      // HOST:PORT or the serial path
     unsigned int address;  // protocol address on that link
@@ -36,7 +36,7 @@ struct DeviceSpec
 };
 
 // Parses "[ADDR@]HOST:PORT"; throws ToolError (usage) naming the text.
-DeviceSpec parseDeviceSpec(std::string const& text, unsigned int defaultAddress);
+DeviceLocation parseDeviceLocation(std::string const& text, unsigned int defaultAddress);
 
 // The devices named by a file (one per line; blank lines and lines starting with '#' are
 // skipped) or by an environment variable (separated by commas or white space).
@@ -76,7 +76,7 @@ private:
     struct Connection;
     struct Target
     {
-        DeviceSpec spec;
+        DeviceLocation location;
         Connection* connection = nullptr;
     };
     struct Pending;

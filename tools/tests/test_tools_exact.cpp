@@ -130,19 +130,19 @@ TEST(ToolsExact, DeviceTextCannotSteerTheTerminal)
 
 TEST(ToolsExact, DevicesByAddressFileAndEnvironment)
 {
-    const DeviceSpec plain = parseDeviceSpec("10.0.0.5:4000", 1);
+    const DeviceLocation plain = parseDeviceLocation("10.0.0.5:4000", 1);
     EXPECT_EQ(plain.address, 1u);
     EXPECT_EQ(plain.name(), "10.0.0.5:4000");
-    const DeviceSpec addressed = parseDeviceSpec("7@10.0.0.5:4000", 1);
+    const DeviceLocation addressed = parseDeviceLocation("7@10.0.0.5:4000", 1);
     EXPECT_EQ(addressed.address, 7u);
     EXPECT_EQ(addressed.name(), "7@10.0.0.5:4000");
     try {
-        parseDeviceSpec("x@10.0.0.5:4000", 1);
+        parseDeviceLocation("x@10.0.0.5:4000", 1);
         FAIL();
     } catch (ToolError const& e) {
         EXPECT_EQ(e.code, EXIT_USAGE);
     }
-    EXPECT_THROW(parseDeviceSpec("4294967295@h:1", 1), ToolError);  // the no-address value
+    EXPECT_THROW(parseDeviceLocation("4294967295@h:1", 1), ToolError);  // the no-address value
     EXPECT_EQ(devicesFromText(" 1@a:1, b:2\tc:3 "), (std::vector<std::string>{"1@a:1", "b:2", "c:3"}));
     try {
         devicesFromFile("/nonexistent/devices.txt");
