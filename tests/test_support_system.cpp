@@ -61,7 +61,8 @@ TEST(tTime, KnownDatesAndSetters)
 TEST(tTime, EveryTimeAtBothEndsOfTheRangeHasDefinedFields)
 {
     // The sanitizer build turns any overflow here into a failure; the fields are checked
-    // against 128-bit arithmetic, and setting each field to its own value changes nothing.
+    // against the floor remainder (which no 64-bit value overflows, and which 32-bit targets
+    // can compute too), and setting each field to its own value changes nothing.
     const long long lowest = std::numeric_limits<long long>::min();
     const long long highest = std::numeric_limits<long long>::max();
     std::vector<long long> times;
@@ -72,8 +73,8 @@ TEST(tTime, EveryTimeAtBothEndsOfTheRangeHasDefinedFields)
         }
     }
     for (long long t : times) {
-        __int128 wide = t;
-        const long long dayTime = static_cast<long long>(((wide % 86400) + 86400) % 86400);
+        const long long remainder = t % 86400;
+        const long long dayTime = remainder < 0 ? remainder + 86400 : remainder;
         tTime time(t);
         EXPECT_EQ(time.dayTimeSeconds(), static_cast<unsigned int>(dayTime)) << t;
         EXPECT_EQ(time.getHour(), dayTime / 3600) << t;
