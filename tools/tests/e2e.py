@@ -8,39 +8,20 @@ import fcntl
 import json
 import os
 import shutil
-import signal
 import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
+import harness
+from harness import FAILURES, check, kill_children, start
+
 ARGS = None
-CHILDREN = []
-FAILURES = []
-
-
-def check(condition, what):
-    print(("ok   " if condition else "FAIL ") + what, flush=True)
-    if not condition:
-        FAILURES.append(what)
-    return condition
-
-
-def start(cmd):
-    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    CHILDREN.append(proc)
-    return proc
 
 
 def read_line(proc, seconds=10):
-    """The next line of a child's standard output, or None after the time limit."""
-    result = []
-    reader = threading.Thread(target=lambda: result.append(proc.stdout.readline()), daemon=True)
-    reader.start()
-    reader.join(seconds)
-    return result[0] if result else None
+    return harness.read_line(proc, seconds)
 
 
 def start_device(data, *extra):
@@ -379,10 +360,7 @@ def main():
     except Exception as error:  # a broken step must still end with the children killed
         check(False, "unexpected error: %r" % error)
     finally:
-        for child in CHILDREN:
-            if child.poll() is None:
-                child.send_signal(signal.SIGKILL)
-                child.wait()
+        kill_children()
         shutil.rmtree(work, ignore_errors=True)
     print("%d check(s) failed" % len(FAILURES) if FAILURES else "all checks passed")
     return 1 if FAILURES else 0

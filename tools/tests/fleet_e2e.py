@@ -16,14 +16,14 @@ import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import urllib.error
 import urllib.request
 
+import harness
+from harness import FAILURES, check, kill_children, start
+
 ARGS = None
-CHILDREN = []
-FAILURES = []
 FLEET = "e2e"
 FIRST = 1000
 GOOD = 18          # addresses 1000..1017 behave
@@ -33,25 +33,8 @@ COUNT = 20
 RENAMED = FIRST + 3  # has a device override
 
 
-def check(condition, what):
-    print(("ok   " if condition else "FAIL ") + what, flush=True)
-    if not condition:
-        FAILURES.append(what)
-    return condition
-
-
-def start(cmd, **kw):
-    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **kw)
-    CHILDREN.append(proc)
-    return proc
-
-
 def read_line(proc, seconds=30):
-    result = []
-    reader = threading.Thread(target=lambda: result.append(proc.stdout.readline()), daemon=True)
-    reader.start()
-    reader.join(seconds)
-    return result[0] if result else None
+    return harness.read_line(proc, seconds)
 
 
 def broker(command, *extra):
@@ -276,10 +259,7 @@ if __name__ == "__main__":
     except Exception as e:  # a failure to start is a failure of the test, never a skip
         check(False, "unexpected error: %r" % (e,))
     finally:
-        for child in CHILDREN:
-            if child.poll() is None:
-                child.kill()
-                child.wait()
+        kill_children()
         try:
             broker("stop")
         except Exception:

@@ -1,0 +1,36 @@
+"""What the end-to-end tests share: checks that print and count, and child processes that
+are read with a time limit and always killed at the end, whatever went wrong."""
+import subprocess
+import threading
+
+CHILDREN = []
+FAILURES = []
+
+
+def check(condition, what):
+    print(("ok   " if condition else "FAIL ") + what, flush=True)
+    if not condition:
+        FAILURES.append(what)
+    return condition
+
+
+def start(cmd, **kw):
+    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **kw)
+    CHILDREN.append(proc)
+    return proc
+
+
+def read_line(proc, seconds):
+    """The next line of a child's standard output, or None after the time limit."""
+    result = []
+    reader = threading.Thread(target=lambda: result.append(proc.stdout.readline()), daemon=True)
+    reader.start()
+    reader.join(seconds)
+    return result[0] if result else None
+
+
+def kill_children():
+    for child in CHILDREN:
+        if child.poll() is None:
+            child.kill()
+            child.wait()
