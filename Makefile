@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: deps build test demo bench asan tsan test-arm bench-arm clean
+.PHONY: deps build test demo demo-panel bench asan tsan test-arm bench-arm clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -15,8 +15,14 @@ build: deps
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
 
-# The demo needs the two programs only, not the whole tree of tests and benchmarks.
+# The demos need their programs only, not the whole tree of tests and benchmarks.
+# demo: a fleet kept in sync through a broker; demo-panel: one panel driven by nkctl.
 demo: deps
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS) --target nkstation nkdevice
+	@python3 tools/fleet_demo.py $(BUILD)
+
+demo-panel: deps
 	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS) --target nkctl nkdevice
 	@bash tools/demo.sh $(BUILD)
