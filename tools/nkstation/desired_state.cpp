@@ -1,6 +1,9 @@
 #include "desired_state.h"
 
+#include <algorithm>
 #include <functional>
+
+#include <nlohmann/json.hpp>
 
 #include "json_check.h"
 #include "schedules_json.h"
@@ -44,6 +47,27 @@ std::unique_ptr<nk_messageSetSchedulesReq> schedulesFromJsonText(std::string con
     return schedulesFromJson(parseJson(text, "schedules"), "schedules", kSchedulesVersion);
 }
 
+std::vector<DesiredImage> imageSetFromJsonText(std::string const& text)
+{
+    const nlohmann::json set = nlohmann::json::parse(text, nullptr, false);
+    if (!set.is_array()) throw ToolError("images: not an image set");
+    std::vector<DesiredImage> out;
+    for (auto const& member : set) {
+        if (!member.is_object() || !member.contains("uid") || !member["uid"].is_string() || !member.contains("image") ||
+            !member["image"].is_string())
+            throw ToolError("images: not an image set");
+        out.push_back(DesiredImage{std::stoull(member["uid"].get<std::string>()), member["image"].get<std::string>()});
+    }
+    return out;
+}
+
+std::string imageSetToJsonText(std::vector<DesiredImage> const& images)
+{
+    nlohmann::json set = nlohmann::json::array();
+    for (DesiredImage const& image : images) set.push_back({{"uid", std::to_string(image.uid)}, {"image", image.image}});
+    return set.dump();
+}
+
 EffectiveDesired resolveDesired(std::optional<DesiredState> const& group, std::optional<DesiredState> const& device)
 {
     static std::map<std::string, std::string> configChecksums;
@@ -57,6 +81,7 @@ EffectiveDesired resolveDesired(std::optional<DesiredState> const& group, std::o
     out.config = pick(&DesiredState::config);
     out.schedules = pick(&DesiredState::schedules);
     out.name = pick(&DesiredState::name);
+    if (auto images = pick(&DesiredState::images)) out.images = imageSetFromJsonText(*images);
     if (out.config) {
         const std::string key = (out.name ? "1" + *out.name : "0") + '\0' + *out.config;
         out.csCfg = cachedChecksum(configChecksums, key, [&] {
@@ -78,5 +103,31 @@ std::string describeDifference(DeviceRecord const& device, EffectiveDesired cons
     if (desired.config && device.csCfg != desired.csCfg) add("configuration");
     if (desired.schedules && device.csSched != desired.csSched) add("schedules");
     if (desired.name && !desired.config && device.name != *desired.name) add("name");
+    if (!imagesToPush(device, desired).empty()) add("images");
+    if (!imagesToRemove(device, desired).empty()) add("images to remove");
+    return out;
+}
+
+std::vector<DesiredImage> imagesToPush(DeviceRecord const& device, EffectiveDesired const& desired)
+{
+    std::vector<DesiredImage> out;
+    if (!desired.images) return out;
+    for (DesiredImage const& image : *desired.images) {
+        const bool reported = std::find(device.images.begin(), device.images.end(), image.uid) != device.images.end();
+        auto pushed = device.pushedImages.find(image.uid);
+        if (!reported || pushed == device.pushedImages.end() || pushed->second != image.image) out.push_back(image);
+    }
+    return out;
+}
+
+std::vector<std::uint64_t> imagesToRemove(DeviceRecord const& device, EffectiveDesired const& desired)
+{
+    std::vector<std::uint64_t> out;
+    if (!desired.images) return out;
+    for (std::uint64_t uid : device.images) {
+        const bool wanted = std::any_of(desired.images->begin(), desired.images->end(),
+                                        [uid](DesiredImage const& image) { return image.uid == uid; });
+        if (!wanted && std::find(out.begin(), out.end(), uid) == out.end()) out.push_back(uid);
+    }
     return out;
 }

@@ -2,6 +2,7 @@
 #define NK_STATION_FLEET_STORE_H
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,6 +25,9 @@ struct DeviceRecord
     std::string csCfg;
     std::string csSched;
     std::vector<std::uint64_t> images;
+    // The images this station pushed and saw the panel hold, by uid: the content id of each.
+    // The state lists uids only; this tells whether a held uid has the desired content.
+    std::map<std::uint64_t, std::string> pushedImages;
     unsigned int flags = 0;
     std::string version;
     // Reconciling: "in sync", "pending", "pushing", "failed", "offline".
@@ -40,7 +44,20 @@ struct DesiredState
     std::optional<std::string> config;     // the configuration's JSON text, as the library reads it
     std::optional<std::string> schedules;  // the schedule set's JSON text
     std::optional<std::string> name;
+    // The image set as JSON text: [{"uid": "DECIMAL", "image": "CONTENT ID"}, ...].
+    std::optional<std::string> images;
     long long changed_ms = 0;
+};
+
+// An image file held for the desired state: named by its content id, the SHA-1 digest of its
+// content, with the mime type it is pushed with and a name for the panel.
+struct ImageRecord
+{
+    std::string id;
+    std::string type;
+    std::string name;
+    std::uint64_t bytes = 0;
+    long long created_ms = 0;
 };
 
 struct EventRecord
@@ -81,6 +98,11 @@ public:
     virtual std::optional<DesiredState> desired(Scope scope, std::string const& key) = 0;
     virtual void putDesired(Scope scope, std::string const& key, DesiredState const& state) = 0;
     virtual std::vector<std::string> groups() = 0;
+
+    // The files themselves live beside the store (see ImageStore); these are their records.
+    virtual void putImage(ImageRecord const& image) = 0;
+    virtual std::optional<ImageRecord> image(std::string const& id) = 0;
+    virtual std::vector<ImageRecord> images() = 0;
 
     // Keeps the events not yet held (by device and event id); gives how many were new.
     virtual unsigned int addEvents(std::vector<EventRecord> const& events) = 0;

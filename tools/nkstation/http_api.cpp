@@ -68,12 +68,27 @@ long long queryNumber(httplib::Request const& req, char const* name, long long f
     return value;
 }
 
+Json imageSetJson(std::vector<DesiredImage> const& images)
+{
+    Json set = Json::array();
+    for (DesiredImage const& image : images) {
+        Json member;
+        addId(member, "uid", image.uid);
+        member["image"] = image.image;
+        set.push_back(member);
+    }
+    return set;
+}
+
 Json deviceJson(DeviceRecord const& d, EffectiveDesired const& desired)
 {
     Json images = Json::array();
     for (std::uint64_t id : d.images) {
         Json image;
         addId(image, "id", id);
+        // The content this station pushed under that uid, when it did.
+        auto pushed = d.pushedImages.find(id);
+        if (pushed != d.pushedImages.end()) image["image"] = pushed->second;
         images.push_back(image);
     }
     Json out = {{"address", d.address},
@@ -94,20 +109,83 @@ Json deviceJson(DeviceRecord const& d, EffectiveDesired const& desired)
     if (desired.config) want["csCfg"] = desired.csCfg;
     if (desired.schedules) want["csSched"] = desired.csSched;
     if (desired.name) want["name"] = *desired.name;
+    if (desired.images) want["images"] = imageSetJson(*desired.images);
     out["desired"] = want;
     out["difference"] = describeDifference(d, desired);
     return out;
 }
 
+Json imageJson(ImageRecord const& image)
+{
+    return {{"id", image.id}, {"type", image.type}, {"name", image.name}, {"bytes", image.bytes}, {"created", image.created_ms}};
+}
+
 Json desiredJson(std::optional<DesiredState> const& d)
 {
-    Json out = {{"config", nullptr}, {"schedules", nullptr}, {"name", nullptr}, {"changed", 0}};
+    Json out = {{"config", nullptr}, {"schedules", nullptr}, {"name", nullptr}, {"images", nullptr}, {"changed", 0}};
     if (!d) return out;
     if (d->config) out["config"] = Json::parse(*d->config);
     if (d->schedules) out["schedules"] = Json::parse(*d->schedules);
     if (d->name) out["name"] = *d->name;
+    if (d->images) out["images"] = imageSetJson(imageSetFromJsonText(*d->images));
     out["changed"] = d->changed_ms;
     return out;
+}
+
+// An image uid as a JSON number or, for clients that would round it, as decimal text.
+std::uint64_t imageUid(Json const& value, std::string const& where)
+{
+    std::uint64_t uid = 0;
+    if (value.is_number_unsigned()) {
+        uid = value.get<std::uint64_t>();
+    } else if (value.is_string()) {
+        const std::string text = value.get<std::string>();
+        if (text.empty() || text.size() > 20 || text.find_first_not_of("0123456789") != std::string::npos ||
+            (text.size() == 20 && text > "18446744073709551615"))
+            throw ApiError{400, where + ".uid must be a whole number of 64 bits, not \"" + text + "\"", "images"};
+        uid = std::stoull(text);
+    } else {
+        throw ApiError{400, where + ".uid must be a whole number of 64 bits or its decimal text", "images"};
+    }
+    if (uid == 0) throw ApiError{400, where + ".uid must not be 0 (no image)", "images"};
+    return uid;
+}
+
+// The shape of an image set; that every content id is held is checked against the store.
+std::vector<DesiredImage> parseImageSet(Json const& value)
+{
+    if (!value.is_array()) throw ApiError{400, "images must be an array of {\"uid\", \"image\"} or null", "images"};
+    std::vector<DesiredImage> out;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        const std::string where = "images[" + std::to_string(i) + "]";
+        Json const& member = value[i];
+        if (!member.is_object()) throw ApiError{400, where + " must be an object {\"uid\", \"image\"}", "images"};
+        for (auto it = member.begin(); it != member.end(); ++it)
+            if (it.key() != "uid" && it.key() != "uidText" && it.key() != "image")
+                throw ApiError{400, where + ": unknown member \"" + it.key() + "\" (uid, image)", "images"};
+        if (!member.contains("uid")) throw ApiError{400, where + ".uid is missing", "images"};
+        const std::uint64_t uid = imageUid(member["uid"], where);
+        if (!member.contains("image") || !member["image"].is_string() ||
+            !ImageStore::isContentId(member["image"].get<std::string>()))
+            throw ApiError{400, where + ".image must be the content id of an uploaded image (40 hexadecimal digits)",
+                           "images"};
+        for (DesiredImage const& earlier : out)
+            if (earlier.uid == uid) throw ApiError{400, where + ": uid " + std::to_string(uid) + " is given twice", "images"};
+        out.push_back(DesiredImage{uid, member["image"].get<std::string>()});
+    }
+    return out;
+}
+
+// Refuses a desired state whose image set names content the station does not hold.
+void checkImagesHeld(FleetStore& store, DesiredState const& desired)
+{
+    if (!desired.images) return;
+    const std::vector<DesiredImage> set = imageSetFromJsonText(*desired.images);
+    for (std::size_t i = 0; i < set.size(); ++i)
+        if (!store.image(set[i].image))
+            throw ApiError{400, "images[" + std::to_string(i) + "].image: unknown image " + set[i].image +
+                                    " (upload it with POST /api/images first)",
+                           "images"};
 }
 
 // Reads and checks a whole desired state; nothing is stored unless every member is right.
@@ -144,8 +222,11 @@ DesiredState parseDesired(std::string const& body)
             const std::string name = value.get<std::string>();
             if (name.size() > 255) throw ApiError{400, "name is longer than 255 bytes", "name"};
             out.name = name;
+        } else if (key == "images") {
+            if (value.is_null()) continue;
+            out.images = imageSetToJsonText(parseImageSet(value));
         } else {
-            throw ApiError{400, "unknown member \"" + key + "\" (config, schedules, name)", key};
+            throw ApiError{400, "unknown member \"" + key + "\" (config, schedules, name, images)", key};
         }
     }
     // Checked together as well: the name goes into the configuration.
@@ -185,10 +266,11 @@ httplib::Server::Handler guarded(H handler)
 }
 }
 
-HttpApi::HttpApi(asio::io_context& io, FleetStore& store, Reconciler& reconciler, ChangeLog& changes,
-                 std::function<nlohmann::json()> brokerStatus)
+HttpApi::HttpApi(asio::io_context& io, FleetStore& store, ImageStore& images, Reconciler& reconciler,
+                 ChangeLog& changes, std::function<nlohmann::json()> brokerStatus)
     : m_io(io),
       m_store(store),
+      m_images(images),
       m_reconciler(reconciler),
       m_changes(changes),
       m_brokerStatus(std::move(brokerStatus)),
@@ -226,6 +308,8 @@ void HttpApi::stop()
 void HttpApi::routes()
 {
     httplib::Server& s = *m_server;
+    // The largest body taken: an image upload (larger ones are answered 413 unread).
+    s.set_payload_max_length(64u << 20);
 
     s.Get("/api/summary", guarded([this](httplib::Request const&, httplib::Response& res) {
         reply(res, 200, onIo(m_io, [this] {
@@ -313,6 +397,7 @@ void HttpApi::routes()
         reply(res, 200, onIo(m_io, [&] {
                   if (m_reconciler.devices().count(address) == 0)
                       throw ApiError{404, "unknown device " + std::to_string(address), "address"};
+                  checkImagesHeld(m_store, desired);
                   m_store.putDesired(FleetStore::DEVICE, std::to_string(address), desired);
                   m_reconciler.deviceChanged(address);
                   return desiredJson(desired);
@@ -334,10 +419,52 @@ void HttpApi::routes()
         if (!validGroupName(group)) throw ApiError{400, "group must be a name of letters, digits, - _ .", "group"};
         const DesiredState desired = parseDesired(req.body);
         reply(res, 200, onIo(m_io, [&] {
+                  checkImagesHeld(m_store, desired);
                   m_store.putDesired(FleetStore::GROUP, group, desired);
                   m_reconciler.desiredChanged();
                   return desiredJson(desired);
               }));
+    }));
+
+    // An image file for the desired state: the body is the file, its type from ?type= or the
+    // Content-Type header. Kept once per content; the answer gives its content id.
+    s.Post("/api/images", guarded([this](httplib::Request const& req, httplib::Response& res) {
+        std::string type = req.has_param("type") ? req.get_param_value("type") : req.get_header_value("Content-Type");
+        type = type.substr(0, type.find(';'));
+        while (!type.empty() && type.back() == ' ') type.pop_back();
+        if (type.rfind("multipart/", 0) == 0)
+            throw ApiError{415, "send the file itself as the body, not a multipart form", "type"};
+        if (type.empty()) throw ApiError{415, "the image type is missing: give ?type= or a Content-Type", "type"};
+        if (req.body.empty()) throw ApiError{400, "the body is empty: it must be the image file", "body"};
+        const std::string problem = imageTypeProblem(type, req.body);
+        if (!problem.empty())
+            throw ApiError{problem.rfind("the content", 0) == 0 ? 400 : 415, problem,
+                           problem.rfind("the content", 0) == 0 ? "body" : "type"};
+        const std::string name = req.has_param("name") ? req.get_param_value("name") : "image";
+        if (name.empty() || name.size() > 255) throw ApiError{400, "name must be 1 to 255 bytes", "name"};
+        ImageStore::Added added = onIo(m_io, [&] { return m_images.add(req.body, type, name); });
+        if (added.isNew) m_changes.add(Json{{"kind", "image"}, {"id", added.record.id}}.dump());
+        reply(res, added.isNew ? 201 : 200, imageJson(added.record));
+    }));
+
+    s.Get("/api/images", guarded([this](httplib::Request const&, httplib::Response& res) {
+        reply(res, 200, onIo(m_io, [&] {
+                  Json list = Json::array();
+                  for (ImageRecord const& image : m_store.images()) list.push_back(imageJson(image));
+                  return list;
+              }));
+    }));
+
+    // The file itself, for thumbnails; a content id never names other bytes, so it may be cached.
+    s.Get(R"(/api/images/([^/]+))", guarded([this](httplib::Request const& req, httplib::Response& res) {
+        const std::string id = req.matches[1];
+        if (!ImageStore::isContentId(id))
+            throw ApiError{400, "an image id is 40 lower-case hexadecimal digits, not '" + id + "'", "id"};
+        const std::optional<ImageRecord> image = onIo(m_io, [&] { return m_store.image(id); });
+        std::string content;
+        if (!image || !m_images.read(id, content)) throw ApiError{404, "unknown image " + id, "id"};
+        res.set_header("Cache-Control", "max-age=31536000, immutable");
+        res.set_content(std::move(content), image->type);
     }));
 
     s.Get("/api/events", guarded([this](httplib::Request const& req, httplib::Response& res) {

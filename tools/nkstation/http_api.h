@@ -10,6 +10,7 @@
 #include "change_log.h"
 #include "endpoint.h"
 #include "fleet_store.h"
+#include "image_store.h"
 #include "reconciler.h"
 
 namespace httplib
@@ -24,7 +25,7 @@ class Server;
 class HttpApi
 {
 public:
-    HttpApi(asio::io_context& io, FleetStore& store, Reconciler& reconciler, ChangeLog& changes,
+    HttpApi(asio::io_context& io, FleetStore& store, ImageStore& images, Reconciler& reconciler, ChangeLog& changes,
             std::function<nlohmann::json()> brokerStatus);
     ~HttpApi();
 
@@ -37,6 +38,7 @@ private:
 
     asio::io_context& m_io;
     FleetStore& m_store;
+    ImageStore& m_images;
     Reconciler& m_reconciler;
     ChangeLog& m_changes;
     std::function<nlohmann::json()> m_brokerStatus;

@@ -20,6 +20,7 @@ int main(int argc, char** argv)
     std::string fleet;
     std::string prefix = "nk";
     std::string database = "nkstation.db";
+    std::string imageDirectory;
     std::string http = "127.0.0.1:8080";
     std::string clientId;
     std::string sharedGroup;
@@ -31,6 +32,7 @@ int main(int argc, char** argv)
     app.add_option("--fleet", fleet, "fleet name in the broker topics")->required();
     app.add_option("--topic-prefix", prefix, "first level of the broker topics")->capture_default_str();
     app.add_option("--db", database, "the SQLite store (created if missing)")->capture_default_str();
+    app.add_option("--images", imageDirectory, "directory of the desired state's image files (default: the --db path + .images)");
     app.add_option("--http", http, "HTTP API address, HOST:PORT (port 0 picks a free one)")->capture_default_str();
     app.add_option("--client-id", clientId, "MQTT client id (default nkstation-<fleet>)");
     app.add_option("--shared-group", sharedGroup, "share the fleet with other stations in this subscription group");
@@ -74,14 +76,15 @@ int main(int argc, char** argv)
         const Endpoint httpEndpoint = parseEndpoint(http, "127.0.0.1");
 
         std::unique_ptr<FleetStore> store = openSqliteStore(database);
+        ImageStore images(imageDirectory.empty() ? database + ".images" : imageDirectory, *store);
         asio::io_context io;
         BrokerStation station(io, options);
-        Reconciler reconciler(io, *store, station, reconcile);
+        Reconciler reconciler(io, *store, images, station, reconcile);
         ChangeLog changes;
         reconciler.onChange([&changes](nlohmann::json const& change) { changes.add(change.dump()); });
         station.onPresence([&reconciler](unsigned int address, bool online) { reconciler.presence(address, online); });
         station.onConnection([&reconciler](bool connected, std::string const&) { reconciler.brokerConnection(connected); });
-        HttpApi api(io, *store, reconciler, changes, [&station] {
+        HttpApi api(io, *store, images, reconciler, changes, [&station] {
             return nlohmann::json{{"connected", station.connected()},
                                   {"received", station.client().messagesReceived()},
                                   {"published", station.client().messagesPublished()},

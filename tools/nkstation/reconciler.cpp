@@ -1,6 +1,7 @@
 #include "reconciler.h"
 
 #include "nk_messageEvents.h"
+#include "nk_messageImage.h"
 #include "nk_messageState.h"
 #include "nk_messageStatistics.h"
 #include "station.h"
@@ -12,6 +13,16 @@ struct Reconciler::Job
     EffectiveDesired desired;
     bool collectDue = false;
     std::string pushed;  // what this round pushed, for the reason of a failed verification
+    std::vector<DesiredImage> imagesToPush;
+    std::size_t nextImage = 0;
+    std::vector<std::uint64_t> imagesToRemove;
+    bool namePushed = false;
+    bool removalsDone = false;
+
+    void didPush(std::string const& what)
+    {
+        if (pushed.find(what) == std::string::npos) pushed += (pushed.empty() ? "" : ", ") + what;
+    }
 };
 
 namespace
@@ -28,8 +39,9 @@ std::unique_ptr<nk_message> answerOf(tBlob* content, nk_message::teType expected
 }
 }
 
-Reconciler::Reconciler(asio::io_context& io, FleetStore& store, BrokerStation& station, Options options)
-    : m_io(io), m_store(store), m_station(station), m_options(options), m_timer(io)
+Reconciler::Reconciler(asio::io_context& io, FleetStore& store, ImageStore& images, BrokerStation& station,
+                       Options options)
+    : m_io(io), m_store(store), m_images(images), m_station(station), m_options(options), m_timer(io)
 {
 }
 
@@ -196,6 +208,9 @@ void Reconciler::pollState(std::shared_ptr<Job> job, char const* after)
                           device.csSched = state.csSched().str();
                           device.name = state.devName().str();
                           device.images.assign(state.images().begin(), state.images().end());
+                          // An image the panel no longer holds is no longer one this station pushed.
+                          for (auto it = device.pushedImages.begin(); it != device.pushedImages.end();)
+                              it = state.imageUidPresent(it->first) ? std::next(it) : device.pushedImages.erase(it);
                           device.flags = state.flags();
                           device.lastSeen_ms = nowMs();
                           m_lastPoll_ms[job->address] = device.lastSeen_ms;
@@ -223,9 +238,90 @@ void Reconciler::decide(std::shared_ptr<Job> job)
     }
     setStatus(device, "pushing", std::string());
     save(device);
-    if (job->desired.config && device.csCfg != job->desired.csCfg) pushConfig(job);
-    else if (job->desired.schedules && device.csSched != job->desired.csSched) pushSchedules(job);
-    else pushName(job);
+    job->imagesToPush = imagesToPush(device, job->desired);
+    job->imagesToRemove = imagesToRemove(device, job->desired);
+    nextStep(job);
+}
+
+// One push at a time, in the order that keeps the panel consistent: the images that the
+// configuration and the schedules show first, removals last.
+void Reconciler::nextStep(std::shared_ptr<Job> job)
+{
+    DeviceRecord& device = m_devices[job->address];
+    EffectiveDesired const& desired = job->desired;
+    if (job->nextImage < job->imagesToPush.size()) pushImage(job);
+    else if (desired.config && device.csCfg != desired.csCfg) pushConfig(job);
+    else if (desired.schedules && device.csSched != desired.csSched) pushSchedules(job);
+    else if (desired.name && !desired.config && device.name != *desired.name && !job->namePushed) pushName(job);
+    else if (!job->imagesToRemove.empty() && !job->removalsDone) removeImages(job);
+    else pollState(job, "push");
+}
+
+void Reconciler::pushImage(std::shared_ptr<Job> job)
+{
+    const DesiredImage image = job->imagesToPush[job->nextImage];
+    const std::string label = "image " + std::to_string(image.uid);
+    const std::optional<ImageRecord> record = m_store.image(image.image);
+    std::shared_ptr<std::string const> content = record ? m_images.content(image.image) : nullptr;
+    if (!content) {
+        finish(job, "failed", label + ": content " + image.image + " is missing from the station's image store");
+        return;
+    }
+    nk_messageImage request(nk_message::VERSION_3);
+    tBlob bytes(reinterpret_cast<unsigned char const*>(content->data()), static_cast<unsigned int>(content->size()));
+    request.add(image.uid, tString(record->name), tString(record->type), &bytes);
+    job->didPush("images");
+    // IMAGE has no response of its own: the panel answers with its state, listing what it holds.
+    m_station.request(job->address, request, m_options.requestTimeout_s,
+                      [this, job, image, label](tBlob* content, std::string const& why) {
+                          std::string error = why;
+                          auto answer = answerOf(content, nk_message::STATE_RSP, error);
+                          if (!answer) {
+                              finish(job, "failed", label + " push: " + error);
+                              return;
+                          }
+                          auto& state = static_cast<nk_messageStateRsp&>(*answer);
+                          DeviceRecord& device = m_devices[job->address];
+                          device.images.assign(state.images().begin(), state.images().end());
+                          if (!state.imageUidPresent(image.uid)) {
+                              finish(job, "failed", label + " was not stored by the panel (see its events)");
+                              return;
+                          }
+                          device.pushedImages[image.uid] = image.image;
+                          save(device);
+                          ++job->nextImage;
+                          nextStep(job);
+                      });
+}
+
+void Reconciler::removeImages(std::shared_ptr<Job> job)
+{
+    nk_messageImage request(nk_message::VERSION_3);
+    request.taskRemove = 1;
+    for (std::uint64_t uid : job->imagesToRemove) request.add(uid, tString(), tString("image/png"));
+    job->removalsDone = true;
+    job->didPush("image removals");
+    m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+        std::string error = why;
+        auto answer = answerOf(content, nk_message::STATE_RSP, error);
+        if (!answer) {
+            finish(job, "failed", "image removal: " + error);
+            return;
+        }
+        auto& state = static_cast<nk_messageStateRsp&>(*answer);
+        DeviceRecord& device = m_devices[job->address];
+        device.images.assign(state.images().begin(), state.images().end());
+        std::string kept;
+        for (std::uint64_t uid : job->imagesToRemove) {
+            if (state.imageUidPresent(uid)) kept += (kept.empty() ? "" : ", ") + std::to_string(uid);
+            else device.pushedImages.erase(uid);
+        }
+        if (!kept.empty()) {
+            finish(job, "failed", "image removal: the panel still holds " + kept);
+            return;
+        }
+        nextStep(job);
+    });
 }
 
 void Reconciler::pushConfig(std::shared_ptr<Job> job)
@@ -237,7 +333,7 @@ void Reconciler::pushConfig(std::shared_ptr<Job> job)
         finish(job, "failed", e.what());
         return;
     }
-    job->pushed += job->pushed.empty() ? "configuration" : ", configuration";
+    job->didPush("configuration");
     m_station.request(job->address, *config, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         auto answer = answerOf(content, nk_message::SET_CONFIG_RSP, error);
@@ -251,10 +347,8 @@ void Reconciler::pushConfig(std::shared_ptr<Job> job)
                    "configuration checksum mismatch: panel holds " + held + ", sent " + job->desired.csCfg);
             return;
         }
-        DeviceRecord& device = m_devices[job->address];
-        device.csCfg = held;
-        if (job->desired.schedules && device.csSched != job->desired.csSched) pushSchedules(job);
-        else pollState(job, "push");
+        m_devices[job->address].csCfg = held;
+        nextStep(job);
     });
 }
 
@@ -267,7 +361,7 @@ void Reconciler::pushSchedules(std::shared_ptr<Job> job)
         finish(job, "failed", e.what());
         return;
     }
-    job->pushed += job->pushed.empty() ? "schedules" : ", schedules";
+    job->didPush("schedules");
     m_station.request(job->address, *set, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         auto answer = answerOf(content, nk_message::SET_SCHEDULES_RSP, error);
@@ -281,7 +375,7 @@ void Reconciler::pushSchedules(std::shared_ptr<Job> job)
             return;
         }
         m_devices[job->address].csSched = held;
-        pollState(job, "push");
+        nextStep(job);
     });
 }
 
@@ -289,14 +383,15 @@ void Reconciler::pushName(std::shared_ptr<Job> job)
 {
     nk_messageStateReq request(nk_message::VERSION_2);
     request.setTaskNewName(tString(*job->desired.name));
-    job->pushed += job->pushed.empty() ? "name" : ", name";
+    job->namePushed = true;
+    job->didPush("name");
     m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         if (!answerOf(content, nk_message::STATE_RSP, error)) {
             finish(job, "failed", "name push: " + error);
             return;
         }
-        pollState(job, "push");
+        nextStep(job);
     });
 }
 

@@ -14,11 +14,14 @@
 #include "broker_station.h"
 #include "desired_state.h"
 #include "fleet_store.h"
+#include "image_store.h"
 
 // Keeps every panel at its desired state. For each device it asks for the state, compares the
-// checksums and the name with what the device should hold, pushes what differs (configuration
-// before schedules), verifies each push with the checksum the panel returns and then with a new
-// state, and retries failures with exponential back-off. Work runs with bounded concurrency;
+// checksums, the name and the image set with what the device should hold, pushes what differs in
+// the order that keeps the panel consistent (new images first, since the configuration and the
+// schedules show them; then configuration, schedules, name; removals of images last, once
+// nothing refers to them), verifies each push with the checksum or the state the panel returns
+// and then with a new state, and retries failures with exponential back-off. Work runs with bounded concurrency;
 // state is polled when a panel comes online, after every push and at a settable interval.
 // Events (deduplicated) and statistics samples are collected on the same round at their own
 // interval. Everything runs on the io_context's thread; the store is written through on every
@@ -38,7 +41,7 @@ public:
     // A change for the event stream: {"kind": ..., ...}.
     using ChangeHandler = std::function<void(nlohmann::json const& change)>;
 
-    Reconciler(asio::io_context& io, FleetStore& store, BrokerStation& station, Options options);
+    Reconciler(asio::io_context& io, FleetStore& store, ImageStore& images, BrokerStation& station, Options options);
 
     void onChange(ChangeHandler handler) { m_onChange = std::move(handler); }
     void start();
@@ -63,6 +66,9 @@ private:
     void begin(unsigned int address);
     void pollState(std::shared_ptr<Job> job, char const* after);
     void decide(std::shared_ptr<Job> job);
+    void nextStep(std::shared_ptr<Job> job);
+    void pushImage(std::shared_ptr<Job> job);
+    void removeImages(std::shared_ptr<Job> job);
     void pushConfig(std::shared_ptr<Job> job);
     void pushSchedules(std::shared_ptr<Job> job);
     void pushName(std::shared_ptr<Job> job);
@@ -75,6 +81,7 @@ private:
 
     asio::io_context& m_io;
     FleetStore& m_store;
+    ImageStore& m_images;
     BrokerStation& m_station;
     Options m_options;
     ChangeHandler m_onChange;

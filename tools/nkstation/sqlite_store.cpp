@@ -53,6 +53,15 @@ const char* const kMigrations[] = {
          json TEXT NOT NULL);)",
     R"(CREATE INDEX devices_by_group ON devices (grp);
        CREATE INDEX events_by_category ON events (category, seq);)",
+    // Image sets in the desired state, the files' records, and what was pushed to each panel.
+    R"(ALTER TABLE desired ADD COLUMN images TEXT;
+       ALTER TABLE devices ADD COLUMN pushed_images TEXT NOT NULL DEFAULT '{}';
+       CREATE TABLE images (
+         id TEXT PRIMARY KEY,
+         type TEXT NOT NULL,
+         name TEXT NOT NULL,
+         bytes INTEGER NOT NULL,
+         created INTEGER NOT NULL);)",
 };
 const int kSchemaVersion = static_cast<int>(sizeof kMigrations / sizeof kMigrations[0]);
 
@@ -158,21 +167,23 @@ public:
     {
         nlohmann::json images = nlohmann::json::array();
         for (std::uint64_t id : d.images) images.push_back(std::to_string(id));
+        nlohmann::json pushed = nlohmann::json::object();
+        for (auto const& held : d.pushedImages) pushed[std::to_string(held.first)] = held.second;
         Statement s(m_db,
                     "INSERT OR REPLACE INTO devices (address, grp, transport, last_seen, online, reported, serial, "
-                    "name, cs_cfg, cs_sched, images, flags, version, status, last_error, attempts, next_attempt) "
-                    "VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+                    "name, cs_cfg, cs_sched, images, flags, version, status, last_error, attempts, next_attempt, "
+                    "pushed_images) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
         s.bind(1, static_cast<long long>(d.address)).bind(2, d.group).bind(3, d.transport).bind(4, d.lastSeen_ms);
         s.bind(5, d.online ? 1LL : 0LL).bind(6, d.reported ? 1LL : 0LL).bind(7, static_cast<long long>(d.serial));
         s.bind(8, d.name).bind(9, d.csCfg).bind(10, d.csSched).bind(11, images.dump());
         s.bind(12, static_cast<long long>(d.flags)).bind(13, d.version).bind(14, d.status).bind(15, d.lastError);
-        s.bind(16, static_cast<long long>(d.attempts)).bind(17, d.nextAttempt_ms);
+        s.bind(16, static_cast<long long>(d.attempts)).bind(17, d.nextAttempt_ms).bind(18, pushed.dump());
         s.step();
     }
 
     std::optional<DesiredState> desired(Scope scope, std::string const& key) override
     {
-        Statement s(m_db, "SELECT config, schedules, name, changed FROM desired WHERE scope = ? AND key = ?");
+        Statement s(m_db, "SELECT config, schedules, name, changed, images FROM desired WHERE scope = ? AND key = ?");
         s.bind(1, static_cast<long long>(scope)).bind(2, key);
         if (!s.step()) return std::nullopt;
         DesiredState d;
@@ -180,6 +191,7 @@ public:
         d.schedules = s.optionalText(1);
         d.name = s.optionalText(2);
         d.changed_ms = s.integer(3);
+        d.images = s.optionalText(4);
         return d;
     }
 
@@ -188,10 +200,10 @@ public:
         // What the API confirms is on the disk before the answer, not only in the log.
         exec("PRAGMA synchronous=FULL");
         try {
-            Statement s(m_db, "INSERT OR REPLACE INTO desired (scope, key, config, schedules, name, changed) "
-                              "VALUES (?,?,?,?,?,?)");
+            Statement s(m_db, "INSERT OR REPLACE INTO desired (scope, key, config, schedules, name, changed, images) "
+                              "VALUES (?,?,?,?,?,?,?)");
             s.bind(1, static_cast<long long>(scope)).bind(2, key).bind(3, d.config).bind(4, d.schedules);
-            s.bind(5, d.name).bind(6, d.changed_ms);
+            s.bind(5, d.name).bind(6, d.changed_ms).bind(7, d.images);
             s.step();
         } catch (...) {
             exec("PRAGMA synchronous=NORMAL");
@@ -205,6 +217,38 @@ public:
         std::vector<std::string> out;
         Statement s(m_db, "SELECT key FROM desired WHERE scope = 0 UNION SELECT grp FROM devices ORDER BY 1");
         while (s.step()) out.push_back(s.text(0));
+        return out;
+    }
+
+    void putImage(ImageRecord const& image) override
+    {
+        // Confirmed by the API like a desired state: on the disk before the answer.
+        exec("PRAGMA synchronous=FULL");
+        try {
+            Statement s(m_db, "INSERT OR REPLACE INTO images (id, type, name, bytes, created) VALUES (?,?,?,?,?)");
+            s.bind(1, image.id).bind(2, image.type).bind(3, image.name);
+            s.bind(4, static_cast<long long>(image.bytes)).bind(5, image.created_ms);
+            s.step();
+        } catch (...) {
+            exec("PRAGMA synchronous=NORMAL");
+            throw;
+        }
+        exec("PRAGMA synchronous=NORMAL");
+    }
+
+    std::optional<ImageRecord> image(std::string const& id) override
+    {
+        Statement s(m_db, (std::string(kSelectImage) + " WHERE id = ?").c_str());
+        s.bind(1, id);
+        if (!s.step()) return std::nullopt;
+        return readImage(s);
+    }
+
+    std::vector<ImageRecord> images() override
+    {
+        std::vector<ImageRecord> out;
+        Statement s(m_db, (std::string(kSelectImage) + " ORDER BY created, id").c_str());
+        while (s.step()) out.push_back(readImage(s));
         return out;
     }
 
@@ -279,7 +323,19 @@ public:
 private:
     static constexpr char const* kSelectDevice =
         "SELECT address, grp, transport, last_seen, online, reported, serial, name, cs_cfg, cs_sched, images, flags, "
-        "version, status, last_error, attempts, next_attempt FROM devices";
+        "version, status, last_error, attempts, next_attempt, pushed_images FROM devices";
+    static constexpr char const* kSelectImage = "SELECT id, type, name, bytes, created FROM images";
+
+    static ImageRecord readImage(Statement& s)
+    {
+        ImageRecord image;
+        image.id = s.text(0);
+        image.type = s.text(1);
+        image.name = s.text(2);
+        image.bytes = static_cast<std::uint64_t>(s.integer(3));
+        image.created_ms = s.integer(4);
+        return image;
+    }
 
     static DeviceRecord readDevice(Statement& s)
     {
@@ -304,6 +360,10 @@ private:
         d.lastError = s.text(14);
         d.attempts = static_cast<unsigned int>(s.integer(15));
         d.nextAttempt_ms = s.integer(16);
+        const nlohmann::json pushed = nlohmann::json::parse(s.text(17), nullptr, false);
+        if (pushed.is_object())
+            for (auto it = pushed.begin(); it != pushed.end(); ++it)
+                if (it.value().is_string()) d.pushedImages[std::stoull(it.key())] = it.value().get<std::string>();
         return d;
     }
 

@@ -8,6 +8,7 @@ kill -9 of the station and of the panels, a broker restarted mid-push, garbage o
 topics, event and statistics collection and the event stream. Every child is killed at the end.
 """
 import argparse
+import hashlib
 import json
 import os
 import shutil
@@ -46,9 +47,9 @@ def broker(command, *extra):
 
 
 class Station:
-    def __init__(self, url):
+    def __init__(self, url, db="station.db"):
         self.proc = start(ARGS.emulator + [ARGS.nkstation, "--mqtt", url, "--fleet", FLEET, "--db",
-                                           ARGS.work + "/station.db", "--http", "127.0.0.1:0", "--timeout", "3",
+                                           ARGS.work + "/" + db, "--http", "127.0.0.1:0", "--timeout", "3",
                                            "--poll-interval", "4", "--collect-interval", "3",
                                            "--max-concurrent", "8"])
         line = read_line(self.proc)
@@ -69,6 +70,20 @@ class Station:
 
     def get(self, path):
         return self.call("GET", path)[1]
+
+    def upload(self, content, query="", content_type=None):
+        """POST /api/images with the file as the body: (status, answer)."""
+        request = urllib.request.Request(self.http + "/api/images" + query, data=content, method="POST",
+                                         headers={"Content-Type": content_type} if content_type else {})
+        try:
+            with urllib.request.urlopen(request, timeout=30) as response:
+                return response.status, json.loads(response.read())
+        except urllib.error.HTTPError as e:
+            return e.code, json.loads(e.read() or b"null")
+
+    def fetch(self, path):
+        with urllib.request.urlopen(self.http + path, timeout=30) as response:
+            return response.read(), response.headers.get("Content-Type")
 
     def kill(self):
         self.proc.kill()
@@ -139,10 +154,153 @@ def read_stream(station, seconds):
     return data.decode(errors="replace")
 
 
+def panel_file(address, uid):
+    return os.path.join(ARGS.work, "panels", str(address), "images", "image_id%d.png" % uid)
+
+
+def images_step(station, config, schedules):
+    """Uploads, their refusals, and image sets reaching the panels, with removals."""
+    png = open(os.path.join(ARGS.examples, "image.png"), "rb").read()
+    other = png + b"another picture"  # still a PNG by its signature, other content
+    before = station.get("/api/images")
+    status, body = station.upload(b"", "?type=image/png")
+    check(status == 400 and body.get("member") == "body", "an empty upload is refused naming the body: %s" % body)
+    status, body = station.upload(png, "", "image/gif")
+    check(status == 415 and body.get("member") == "type" and "image/gif" in body["error"],
+          "an upload of a type panels do not take is refused naming the type: %s" % body)
+    status, body = station.upload(png, "?type=image/jpeg")
+    check(status == 400 and body.get("member") == "body", "PNG content sent as JPEG is refused: %s" % body)
+    status, body = station.upload(png)
+    check(status == 415 and body.get("member") == "type", "an upload without a type is refused: %s" % body)
+    check(before == [] and station.get("/api/images") == [] and os.listdir(ARGS.work + "/station.db.images") == [],
+          "refused uploads stored no record and no file")
+
+    status, first = station.upload(png, "?name=welcome", "image/png; charset=binary")
+    digest = hashlib.sha1(png).hexdigest()
+    check(status == 201 and first["id"] == digest and first["bytes"] == len(png) and first["type"] == "image/png",
+          "an upload answers with its content id, the SHA-1 of the file: %s" % first)
+    status, again = station.upload(png, "?type=image/png&name=welcome")
+    check(status == 200 and again["id"] == digest, "the same file uploaded again is kept once")
+    status, second = station.upload(other, "?type=image/png&name=menu")
+    check(status == 201 and second["id"] == hashlib.sha1(other).hexdigest(), "a second image is kept")
+    kept = sorted(os.listdir(ARGS.work + "/station.db.images"))
+    check(kept == sorted([digest, second["id"]]) and open(ARGS.work + "/station.db.images/" + digest, "rb").read() == png,
+          "the files are named by their digest beside the database: %s" % kept)
+    content, content_type = station.fetch("/api/images/" + digest)
+    check(content == png and content_type == "image/png", "an image is served back with its type")
+    check([i["id"] for i in station.get("/api/images")] == [digest, second["id"]], "the list holds both images once")
+    status, body = station.call("GET", "/api/images/" + "0" * 40)
+    check(status == 404 and body.get("member") == "id", "an unknown image is 404")
+
+    big = (1 << 60) + 5  # beyond 2^53: given and reported as text too
+    wanted = [{"uid": 42, "image": digest}, {"uid": 43, "image": second["id"]}, {"uid": str(big), "image": digest}]
+    unknown = [{"uid": 42, "image": digest}, {"uid": 43, "image": "0123456789abcdef0123456789abcdef01234567"}]
+    before = station.get("/api/groups/default/desired")
+    status, body = station.call("PUT", "/api/groups/default/desired",
+                                {"config": config, "schedules": schedules, "images": unknown})
+    check(status == 400 and body.get("member") == "images" and "images[1]" in body["error"]
+          and "0123456789abcdef" in body["error"], "an unknown image in a desired set is refused naming it: %s" % body)
+    status, body = station.call("PUT", "/api/groups/default/desired",
+                                {"config": config, "images": [{"uid": 42, "image": digest}, {"uid": "42", "image": digest}]})
+    check(status == 400 and body.get("member") == "images" and "twice" in body["error"], "a uid given twice is refused")
+    check(station.get("/api/groups/default/desired") == before, "a refused image set changed nothing")
+
+    status, body = station.call("PUT", "/api/groups/default/desired",
+                                {"config": config, "schedules": schedules, "images": wanted})
+    check(status == 200 and body["images"][2]["uidText"] == str(big), "the group's image set is accepted: %s" % body)
+
+    def holding(uids):
+        def ok():
+            if not converged(station):
+                return False
+            for address in range(FIRST, FIRST + GOOD):
+                device = station.get("/api/devices/%d" % address)
+                if sorted(i["idText"] for i in device["reported"]["images"]) != sorted(str(u) for u in uids):
+                    return False
+            return True
+        return ok
+
+    wait_for("the image set reaches the panels, which end in sync", holding([42, 43, big]))
+    check(open(panel_file(FIRST, 43), "rb").read() == other and open(panel_file(FIRST, 42), "rb").read() == png,
+          "the panels hold the files' bytes under their uids")
+    device = station.get("/api/devices/%d" % FIRST)
+    check({i["idText"]: i.get("image") for i in device["reported"]["images"]} ==
+          {"42": digest, "43": second["id"], str(big): digest}, "the station shows which content each uid holds")
+
+    # Other content under a held uid, and uids left out: the new content replaces the old and
+    # the rest is removed after the push.
+    status, _ = station.call("PUT", "/api/groups/default/desired",
+                             {"config": config, "schedules": schedules, "images": [{"uid": 42, "image": second["id"]}]})
+    check(status == 200, "a smaller image set is accepted")
+    wait_for("replaced content and removals reach the panels", holding([42]))
+    check(open(panel_file(FIRST + 1, 42), "rb").read() == other and not os.path.exists(panel_file(FIRST + 1, 43)),
+          "a panel holds the new content under uid 42 and no longer holds 43")
+
+    # An image whose file went missing from the station fails the panels with that reason, and
+    # nothing after it is pushed; uploading the file again heals the store and the fleet.
+    third = png + b"a third picture"
+    status, body = station.upload(third, "?type=image/png")
+    os.remove(ARGS.work + "/station.db.images/" + body["id"])
+    config5 = dict(config, slideshowInterval_sec=40)
+    status, _ = station.call("PUT", "/api/groups/default/desired",
+                             {"config": config5, "schedules": schedules, "images": [{"uid": 44, "image": body["id"]}]})
+    check(status == 200, "an image set naming a held record is accepted")
+    wait_for("panels fail with the missing file as the reason",
+             lambda: all(d["status"] == "failed" and "missing from the station's image store" in d["error"]
+                         for a, d in statuses(station).items() if a < FIRST + GOOD))
+    check(all(d["reported"]["csCfg"] != d["desired"]["csCfg"] and 42 in [i["id"] for i in d["reported"]["images"]]
+              for a, d in statuses(station).items() if a < FIRST + GOOD),
+          "neither the configuration after the image nor the removal was pushed")
+    status, _ = station.upload(third, "?type=image/png")
+    check(status == 201, "the file uploaded again is written again")
+    wait_for("the retried panels take the image and end in sync", holding([44]))
+
+
+# A store as the first released station left it (schema version 2), to migrate.
+SCHEMA_2 = """
+CREATE TABLE devices (address INTEGER PRIMARY KEY, grp TEXT NOT NULL DEFAULT 'default',
+  transport TEXT NOT NULL DEFAULT 'mqtt', last_seen INTEGER NOT NULL DEFAULT 0, online INTEGER NOT NULL DEFAULT 0,
+  reported INTEGER NOT NULL DEFAULT 0, serial INTEGER NOT NULL DEFAULT 0, name TEXT NOT NULL DEFAULT '',
+  cs_cfg TEXT NOT NULL DEFAULT '', cs_sched TEXT NOT NULL DEFAULT '', images TEXT NOT NULL DEFAULT '[]',
+  flags INTEGER NOT NULL DEFAULT 0, version TEXT NOT NULL DEFAULT '', status TEXT NOT NULL DEFAULT 'pending',
+  last_error TEXT NOT NULL DEFAULT '', attempts INTEGER NOT NULL DEFAULT 0, next_attempt INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE desired (scope INTEGER NOT NULL, key TEXT NOT NULL, config TEXT, schedules TEXT, name TEXT,
+  changed INTEGER NOT NULL DEFAULT 0, PRIMARY KEY (scope, key));
+CREATE TABLE events (seq INTEGER PRIMARY KEY AUTOINCREMENT, address INTEGER NOT NULL, event_id INTEGER NOT NULL,
+  time INTEGER NOT NULL, category INTEGER NOT NULL, type INTEGER NOT NULL, text TEXT NOT NULL,
+  UNIQUE (address, event_id));
+CREATE TABLE statistics (seq INTEGER PRIMARY KEY AUTOINCREMENT, address INTEGER NOT NULL, time INTEGER NOT NULL,
+  json TEXT NOT NULL);
+CREATE INDEX devices_by_group ON devices (grp);
+CREATE INDEX events_by_category ON events (category, seq);
+PRAGMA user_version = 2;
+"""
+
+
+def migration_step(url, config):
+    """An older store is migrated in place and keeps what it held."""
+    import sqlite3
+    db = sqlite3.connect(ARGS.work + "/old.db")
+    db.executescript(SCHEMA_2)
+    db.execute("INSERT INTO devices (address, grp, reported, images, status) VALUES (5, 'hall', 1, '[\"42\"]', 'offline')")
+    db.execute("INSERT INTO desired (scope, key, config, name) VALUES (0, 'hall', ?, 'hall panel')", (json.dumps(config),))
+    db.commit()
+    db.close()
+    old = Station(url, "old.db")
+    device = old.get("/api/devices/5")
+    desired = old.get("/api/groups/hall/desired")
+    check(old.get("/api/summary")["schemaVersion"] == 3 and device["group"] == "hall"
+          and [i["id"] for i in device["reported"]["images"]] == [42] and desired["config"] == config
+          and desired["name"] == "hall panel" and desired["images"] is None,
+          "a store of schema version 2 is migrated and keeps its devices and desired state")
+    old.kill()
+
+
 def main():
     config = json.load(open(os.path.join(ARGS.examples, "config.json")))
     schedules = json.load(open(os.path.join(ARGS.examples, "schedules.json")))
     url = broker("start")
+    migration_step(url, config)
     station = Station(url)
     sim = panels(url)
 
@@ -169,6 +327,8 @@ def main():
              lambda: converged(station, cs))
     wrong = station.get("/api/devices/%d" % WRONG)
     check(wrong["reported"]["csCfg"] != "" and wrong["attempts"] >= 1, "the wrong-checksum panel is retried with back-off")
+
+    images_step(station, config, schedules)
 
     # A per-device override: the name goes into that panel's configuration alone.
     status, _ = station.call("PUT", "/api/devices/%d/desired" % RENAMED, {"name": "lobby 3"})
