@@ -82,6 +82,7 @@ int runOverBroker(BrokerRun const& run)
     options.verbose = run.verbose;
     options.pollPeriod_ms = run.pollPeriod_ms;
     std::vector<Panel> panels(count);
+    unsigned int running = count;
     int status = 0;
     try {
         for (unsigned int i = 0; i < count; ++i) {
@@ -90,7 +91,20 @@ int runOverBroker(BrokerRun const& run)
             panel.store.reset(new DeviceStore(run.count == 0 ? dataRoot : dataRoot + "/" + std::to_string(address)));
             panel.device.reset(new Device(*panel.store, address, run.count == 0 ? run.serialNumber : address));
             panel.device->load();
-            panel.server.reset(new DeviceServer(io, *panel.device, options));
+            DeviceServer::Options panelOptions = options;
+            // A SHUTDOWN ends one simulated panel, as it would end one real one: it goes offline
+            // (its flag set to "0") while the others keep running; the process ends with the last.
+            if (run.count > 0)
+                panelOptions.onStopped = [&panels, &running, &io, i, address] {
+                    panels[i].mqtt->stop();
+                    panels[i].device->flushLog();
+                    tJson line;
+                    line.addString("event", "panel stopped");
+                    line.addInt("address", static_cast<long long>(address));
+                    announce(line);
+                    if (--running == 0) io.stop();
+                };
+            panel.server.reset(new DeviceServer(io, *panel.device, panelOptions));
             panel.mqtt.reset(new MqttPanel(io, *panel.server, broker, topics, address));
             auto fault = faults.find(address);
             if (fault != faults.end() && fault->second == "silent") panel.mqtt->setSilent(true);

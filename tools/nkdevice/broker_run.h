@@ -27,7 +27,9 @@ struct BrokerRun
     std::vector<std::string> faults;
 };
 
-// Runs until SIGINT/SIGTERM or a SHUTDOWN request; 0 then. Throws ToolError on bad settings.
+// Runs until SIGINT/SIGTERM, or until a SHUTDOWN request has stopped its device (each simulated
+// device stops on its own; the process ends with the last); 0 then. Throws ToolError on bad
+// settings.
 int runOverBroker(BrokerRun const& run);
 
 #endif

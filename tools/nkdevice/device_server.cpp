@@ -202,7 +202,8 @@ void DeviceServer::tick()
         if (allFlushed() || nowMs() > m_stopDeadline_ms) {
             m_timer.stop();
             m_connections.clear();
-            m_io.stop();
+            if (m_options.onStopped) m_options.onStopped();
+            else m_io.stop();
         }
         return;
     }

@@ -2,6 +2,7 @@
 #define NK_TOOLS_DEVICE_SERVER_H
 
 #include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -29,6 +30,10 @@ public:
         // failed serial port and writes the event log and counters.
         unsigned int pollPeriod_ms = 250;
         unsigned int logFlushPeriod_ms = 1000;
+        // Called once the server has stopped (after a SHUTDOWN or stop()) and written what it
+        // had queued. Unset, the server stops the io_context: the process ends with its one
+        // device. A process serving many devices ends only the one that stopped.
+        std::function<void()> onStopped;
     };
 
     DeviceServer(asio::io_context& io, Device& device, Options const& options);

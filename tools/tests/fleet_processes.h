@@ -78,6 +78,16 @@ public:
         if (rc != 0) throw std::runtime_error("cannot start " + arguments[0]);
     }
     ~Process() { kill(SIGKILL); }
+    // False once the process has ended on its own (its status is kept for kill to give).
+    bool running()
+    {
+        if (m_pid <= 0) return false;
+        int status = 0;
+        if (::waitpid(m_pid, &status, WNOHANG) != m_pid) return true;
+        m_pid = -1;
+        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return false;
+    }
     // Sends the signal and waits for the end; the exit status, or -1 after a signal.
     int kill(int signal)
     {

@@ -8,6 +8,7 @@
 
 #include "broker_station.h"
 #include "fleet_processes.h"
+#include "nk_messageShutdown.h"
 #include "nk_messageState.h"
 #include "station.h"
 
@@ -49,6 +50,23 @@ struct StationUnderTest
                 if (online.count(a) == 0 || online[a] != expected) return false;
             return true;
         });
+    }
+
+    // Sends SHUTDOWN; true when the panel acknowledged it with the same message.
+    bool shutdown(unsigned int address, std::string& error)
+    {
+        nk_messageShutdown request(nk_message::VERSION_0);
+        bool done = false;
+        bool acknowledged = false;
+        station->request(address, request, 5, [&](tBlob* content, std::string const& why) {
+            done = true;
+            error = why;
+            if (!content) return;
+            auto answer = decodeMessage(content, error);
+            acknowledged = answer && answer->type() == nk_message::SHUTDOWN;
+        });
+        if (!runUntil(io, [&] { return done; })) error = "handler never ran";
+        return acknowledged;
     }
 
     // The serial a panel reports in its state, or 0 with the error.
@@ -137,4 +155,31 @@ TEST(ToolsMqtt, PresenceFollowsTheLastWillAndLinksSurviveABrokerRestart)
     unsigned int serial = 0;
     for (int attempt = 0; attempt < 10 && serial != 41; ++attempt) serial = station.serialOf(41, error);
     EXPECT_EQ(serial, 41u) << error;
+}
+
+TEST(ToolsMqtt, ShutdownEndsOneSimulatedPanelAndTheProcessEndsWithTheLast)
+{
+    Broker broker;
+    const std::string log = freshDirectory("sim") + "/out";
+    Process panels(simulate(broker.url(), 60, 3), log);
+    StationUnderTest station(broker.url());
+    ASSERT_TRUE(station.allOnline(60, 3, true)) << "panels never reported online";
+
+    std::string error;
+    ASSERT_TRUE(station.shutdown(61, error)) << error;
+    EXPECT_TRUE(station.allOnline(61, 1, false)) << "the stopped panel's flag never went to 0";
+    // The others keep answering, and the process keeps running for them.
+    EXPECT_EQ(station.serialOf(60, error), 60u) << error;
+    EXPECT_EQ(station.serialOf(62, error), 62u) << error;
+    EXPECT_TRUE(panels.running());
+    EXPECT_TRUE(station.online[60] && station.online[62]);
+    // The stopped panel no longer answers.
+    EXPECT_EQ(station.serialOf(61, error), 0u);
+    EXPECT_EQ(error, "no answer");
+
+    ASSERT_TRUE(station.shutdown(60, error)) << error;
+    ASSERT_TRUE(station.shutdown(62, error)) << error;
+    EXPECT_TRUE(station.allOnline(60, 3, false));
+    EXPECT_TRUE(runUntil(station.io, [&] { return !panels.running(); })) << "the process outlived its last panel";
+    EXPECT_EQ(panels.kill(SIGTERM), 0) << "the process did not end cleanly";
 }
