@@ -30,6 +30,9 @@ struct DeviceRecord
     std::map<std::uint64_t, std::string> pushedImages;
     unsigned int flags = 0;
     std::string version;
+    // The extended state word (its low byte the mobile link); from the last state polled, not
+    // kept in the store: a restarted station has it again at the panel's first poll.
+    unsigned long long extState = 0;
     // Reconciling: "in sync", "pending", "pushing", "failed", "offline".
     std::string status = "pending";
     std::string lastError;
@@ -106,10 +109,10 @@ public:
 
     // Keeps the events not yet held (by device and event id); gives how many were new.
     virtual unsigned int addEvents(std::vector<EventRecord> const& events) = 0;
-    // After seq since, oldest first; category < 0 for all.
-    virtual std::vector<EventRecord> events(long long since, unsigned int limit, int category) = 0;
+    // After seq since, oldest first; category < 0 for all, address < 0 for every device.
+    virtual std::vector<EventRecord> events(long long since, unsigned int limit, int category, long long address) = 0;
     virtual void addStatistics(StatisticsSample const& sample) = 0;
-    virtual std::vector<StatisticsSample> statistics(long long since, unsigned int limit) = 0;
+    virtual std::vector<StatisticsSample> statistics(long long since, unsigned int limit, long long address) = 0;
 };
 
 // SQLite in WAL mode at path (created with its schema, or migrated to the current version).

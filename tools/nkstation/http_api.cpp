@@ -80,6 +80,15 @@ Json imageSetJson(std::vector<DesiredImage> const& images)
     return set;
 }
 
+// The mobile link in the low byte of the extended state: bit 0 up, bits 1 to 7 the access network.
+Json mobileJson(unsigned long long extState)
+{
+    static char const* const kLinks[] = {"none", "2G", "3G", "4G", "NB-IoT", "LTE-M", "5G"};
+    const unsigned int ran = static_cast<unsigned int>((extState >> 1) & 0x7F);
+    return {{"link", ran < sizeof kLinks / sizeof kLinks[0] ? std::string(kLinks[ran]) : "unknown " + std::to_string(ran)},
+            {"active", (extState & 1) != 0}};
+}
+
 Json deviceJson(DeviceRecord const& d, EffectiveDesired const& desired)
 {
     Json images = Json::array();
@@ -102,7 +111,8 @@ Json deviceJson(DeviceRecord const& d, EffectiveDesired const& desired)
                 {"nextAttempt", d.nextAttempt_ms}};
     if (d.reported)
         out["reported"] = {{"serial", d.serial}, {"name", d.name},   {"csCfg", d.csCfg},
-                           {"csSched", d.csSched}, {"flags", d.flags}, {"images", images}};
+                           {"csSched", d.csSched}, {"flags", d.flags}, {"images", images},
+                           {"version", d.version}, {"mobile", mobileJson(d.extState)}};
     else
         out["reported"] = nullptr;
     Json want = Json::object();
@@ -305,6 +315,15 @@ void HttpApi::stop()
     if (m_thread.joinable()) m_thread.join();
 }
 
+void HttpApi::serveFiles(std::string const& webRoot, std::string const& chartDir)
+{
+    m_server->set_file_extension_and_mimetype_mapping("js", "text/javascript");
+    m_server->set_file_extension_and_mimetype_mapping("mjs", "text/javascript");
+    if (!m_server->set_mount_point("/", webRoot)) throw ToolError("no dashboard files in " + webRoot, EXIT_USAGE);
+    // The charting library is Debian's; a station without it still serves the rest.
+    if (!chartDir.empty()) m_server->set_mount_point("/lib/chart.js", chartDir);
+}
+
 void HttpApi::routes()
 {
     httplib::Server& s = *m_server;
@@ -404,6 +423,17 @@ void HttpApi::routes()
               }));
     }));
 
+    // Checks a desired state as a PUT would, and stores nothing: a page shows the refusal by
+    // member, or the checksums the panels will confirm, before the operator saves.
+    s.Post("/api/validate", guarded([](httplib::Request const& req, httplib::Response& res) {
+        const DesiredState desired = parseDesired(req.body);
+        const EffectiveDesired effective = resolveDesired(desired, std::nullopt);
+        Json out = {{"valid", true}};
+        if (effective.config) out["csCfg"] = effective.csCfg;
+        if (effective.schedules) out["csSched"] = effective.csSched;
+        reply(res, 200, out);
+    }));
+
     s.Get("/api/groups", guarded([this](httplib::Request const&, httplib::Response& res) {
         reply(res, 200, onIo(m_io, [&] { return Json(m_store.groups()); }));
     }));
@@ -471,10 +501,11 @@ void HttpApi::routes()
         const long long since = queryNumber(req, "since", 0, 0, (1LL << 62));
         const long long limit = queryNumber(req, "limit", 1000, 1, 100000);
         const long long category = queryNumber(req, "category", -1, 0, 255);
+        const long long address = queryNumber(req, "address", -1, 0, 0xFFFFFFFDll);
         reply(res, 200, onIo(m_io, [&] {
                   Json list = Json::array();
                   for (EventRecord const& e : m_store.events(since, static_cast<unsigned int>(limit),
-                                                             static_cast<int>(category))) {
+                                                             static_cast<int>(category), address)) {
                       Json item = {{"seq", e.seq},   {"address", e.address}, {"time", e.time},
                                    {"category", e.category}, {"type", e.type}, {"text", e.text}};
                       addId(item, "id", e.eventId);
@@ -487,9 +518,11 @@ void HttpApi::routes()
     s.Get("/api/statistics", guarded([this](httplib::Request const& req, httplib::Response& res) {
         const long long since = queryNumber(req, "since", 0, 0, (1LL << 62));
         const long long limit = queryNumber(req, "limit", 1000, 1, 100000);
+        const long long address = queryNumber(req, "address", -1, 0, 0xFFFFFFFDll);
         reply(res, 200, onIo(m_io, [&] {
                   Json list = Json::array();
-                  for (StatisticsSample const& sample : m_store.statistics(since, static_cast<unsigned int>(limit)))
+                  for (StatisticsSample const& sample :
+                       m_store.statistics(since, static_cast<unsigned int>(limit), address))
                       list.push_back({{"seq", sample.seq},
                                       {"address", sample.address},
                                       {"time", sample.time_ms},

@@ -29,6 +29,10 @@ public:
             std::function<nlohmann::json()> brokerStatus);
     ~HttpApi();
 
+    // Serves the dashboard's static files from webRoot and the charting library from chartDir
+    // (under /lib/chart.js/); throws ToolError when webRoot is not a directory.
+    void serveFiles(std::string const& webRoot, std::string const& chartDir);
+
     // Binds (port 0 picks a free one) and serves on a thread of its own; throws ToolError.
     Endpoint listen(Endpoint const& ep);
     void stop();

@@ -212,6 +212,8 @@ void Reconciler::pollState(std::shared_ptr<Job> job, char const* after)
                           for (auto it = device.pushedImages.begin(); it != device.pushedImages.end();)
                               it = state.imageUidPresent(it->first) ? std::next(it) : device.pushedImages.erase(it);
                           device.flags = state.flags();
+                          device.version = state.vc().str();
+                          device.extState = state.extState();
                           device.lastSeen_ms = nowMs();
                           m_lastPoll_ms[job->address] = device.lastSeen_ms;
                           if (!after) {

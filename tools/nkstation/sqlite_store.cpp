@@ -276,13 +276,13 @@ public:
         return added;
     }
 
-    std::vector<EventRecord> events(long long since, unsigned int limit, int category) override
+    std::vector<EventRecord> events(long long since, unsigned int limit, int category, long long address) override
     {
         std::vector<EventRecord> out;
         Statement s(m_db, "SELECT seq, address, event_id, time, category, type, text FROM events "
-                          "WHERE seq > ? AND (? < 0 OR category = ?) ORDER BY seq LIMIT ?");
+                          "WHERE seq > ? AND (? < 0 OR category = ?) AND (? < 0 OR address = ?) ORDER BY seq LIMIT ?");
         s.bind(1, since).bind(2, static_cast<long long>(category)).bind(3, static_cast<long long>(category));
-        s.bind(4, static_cast<long long>(limit));
+        s.bind(4, address).bind(5, address).bind(6, static_cast<long long>(limit));
         while (s.step()) {
             EventRecord e;
             e.seq = s.integer(0);
@@ -304,11 +304,12 @@ public:
         s.step();
     }
 
-    std::vector<StatisticsSample> statistics(long long since, unsigned int limit) override
+    std::vector<StatisticsSample> statistics(long long since, unsigned int limit, long long address) override
     {
         std::vector<StatisticsSample> out;
-        Statement s(m_db, "SELECT seq, address, time, json FROM statistics WHERE seq > ? ORDER BY seq LIMIT ?");
-        s.bind(1, since).bind(2, static_cast<long long>(limit));
+        Statement s(m_db, "SELECT seq, address, time, json FROM statistics WHERE seq > ? AND (? < 0 OR address = ?) "
+                          "ORDER BY seq LIMIT ?");
+        s.bind(1, since).bind(2, address).bind(3, address).bind(4, static_cast<long long>(limit));
         while (s.step()) {
             StatisticsSample sample;
             sample.seq = s.integer(0);
