@@ -11,6 +11,7 @@
 #include "output.h"
 #include "reconciler.h"
 #include "tool_error.h"
+#include "web_root.h"
 
 int main(int argc, char** argv)
 {
@@ -24,6 +25,8 @@ int main(int argc, char** argv)
     std::string http = "127.0.0.1:8080";
     std::string clientId;
     std::string sharedGroup;
+    std::string webRoot;
+    std::string chartJs = kDebianChartJs;
     Reconciler::Options reconcile;
     unsigned int pollInterval_s = 300;
     unsigned int collectInterval_s = 300;
@@ -34,6 +37,9 @@ int main(int argc, char** argv)
     app.add_option("--db", database, "the SQLite store (created if missing)")->capture_default_str();
     app.add_option("--images", imageDirectory, "directory of the desired state's image files (default: the --db path + .images)");
     app.add_option("--http", http, "HTTP API address, HOST:PORT (port 0 picks a free one)")->capture_default_str();
+    app.add_option("--web-root", webRoot, "the dashboard's files (default: beside the program, else its sources)");
+    app.add_option("--chart-js", chartJs, "directory of the charting library served at /lib/chart.js/")
+        ->capture_default_str();
     app.add_option("--client-id", clientId, "MQTT client id (default nkstation-<fleet>)");
     app.add_option("--shared-group", sharedGroup, "share the fleet with other stations in this subscription group");
     app.add_option("--max-concurrent", reconcile.maxConcurrent, "devices worked on at once")
@@ -90,6 +96,10 @@ int main(int argc, char** argv)
                                   {"published", station.client().messagesPublished()},
                                   {"stray", station.strayMessages()}};
         });
+        // A given --web-root must hold the dashboard; without one, the API alone still serves.
+        if (webRoot.empty()) webRoot = findWebRoot();
+        if (!webRoot.empty()) api.serveFiles(webRoot, chartJs);
+        else reportError("nkstation", "the dashboard's files were not found; serving the API only (see --web-root)");
         const Endpoint bound = api.listen(httpEndpoint);
         reconciler.start();
         station.start();
@@ -100,6 +110,7 @@ int main(int argc, char** argv)
         line.addString("broker", tString(url));
         line.addString("fleet", tString(fleet));
         line.addString("db", tString(database));
+        if (!webRoot.empty()) line.addString("dashboard", tString("http://" + bound.text() + "/"));
         Output(Output::JSON).emit(line);
 
         asio::signal_set signals(io, SIGINT, SIGTERM);

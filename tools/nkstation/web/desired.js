@@ -1,0 +1,184 @@
+// Desired state of a group or one panel: a configuration or schedule set uploaded as JSON,
+// checked by the station (the library's own refusals, by member) before anything is saved;
+// a new name; and the push progress of every panel concerned, live.
+import { getJson, sendJson, onChange, debounce, ApiRefusal } from "./api.js";
+import { el, statusBadge, message, STATUSES } from "./format.js";
+
+const MEMBERS = { config: "configuration", schedules: "schedule set" };
+
+export async function showDesired(main, params) {
+  const groups = await getJson("/api/groups");
+  const targetKind = el("select", { id: "target-kind" },
+    el("option", { value: "group" }, "a group"), el("option", { value: "panel" }, "one panel"));
+  const targetName = el("input", { id: "target-name", list: "known-groups", required: true, autocomplete: "off",
+    value: params.get("group") || params.get("panel") || groups[0] || "default" });
+  if (params.get("panel")) targetKind.value = "panel";
+  const member = el("select", { id: "member" },
+    Object.entries(MEMBERS).map(([value, label]) => el("option", { value }, label)));
+  const file = el("input", { id: "upload-file", type: "file", accept: ".json,application/json" });
+  const text = el("textarea", { id: "upload-text", rows: 12, spellcheck: "false",
+    "aria-describedby": "upload-help" });
+  const result = el("div", { id: "upload-result", "aria-live": "polite" });
+  const nameInput = el("input", { id: "desired-name", autocomplete: "off", maxlength: 255 });
+  const nameResult = el("div", { id: "name-result", "aria-live": "polite" });
+  const current = el("pre", { id: "current-desired", class: "json", tabindex: "0" });
+  const progressSummary = el("p", { id: "progress-summary", role: "status" });
+  const progressRows = el("tbody");
+
+  main.append(
+    el("h1", {}, "Desired state"),
+    el("datalist", { id: "known-groups" }, groups.map((g) => el("option", { value: g }))),
+    el("form", { class: "target", onsubmit: (e) => { e.preventDefault(); targetChanged(); } },
+      el("fieldset", {},
+        el("legend", {}, "Whose desired state"),
+        el("label", { for: "target-kind" }, "For"), targetKind,
+        el("label", { for: "target-name" }, "Group name or panel address"), targetName,
+        el("button", { type: "submit" }, "Show"))),
+    el("section", { "aria-labelledby": "upload-heading" },
+      el("h2", { id: "upload-heading" }, "Upload a configuration or schedule set"),
+      el("form", { id: "upload", onsubmit: (e) => { e.preventDefault(); save(); } },
+        el("label", { for: "member" }, "What"), member,
+        el("label", { for: "upload-file" }, "JSON file"), file,
+        el("label", { for: "upload-text" }, "or its text"), text,
+        el("p", { id: "upload-help", class: "note" },
+          "The forms nkctl reads. The station checks the whole desired state before saving; a refusal names the member."),
+        el("div", { class: "buttons" },
+          el("button", { type: "button", id: "check", onclick: check }, "Check only"),
+          el("button", { type: "submit", id: "save" }, "Check and save"))),
+      result),
+    el("section", { "aria-labelledby": "name-heading" },
+      el("h2", { id: "name-heading" }, "Rename"),
+      el("form", { id: "rename", onsubmit: (e) => { e.preventDefault(); rename(); } },
+        el("label", { for: "desired-name" }, "Panel name"), nameInput,
+        el("button", { type: "submit", id: "rename-button" }, "Save name")),
+      nameResult),
+    el("section", { "aria-labelledby": "progress-heading" },
+      el("h2", { id: "progress-heading" }, "Push progress"),
+      progressSummary,
+      el("div", { class: "table-wrap" }, el("table", { id: "progress" },
+        el("thead", {}, el("tr", {}, ["Panel", "Status", "Still differs in", "Error", "Attempts"].map(
+          (h) => el("th", { scope: "col" }, h)))),
+        progressRows))),
+    el("section", { "aria-labelledby": "current-heading" },
+      el("h2", { id: "current-heading" }, "Saved desired state"), current));
+
+  const desiredPath = () => targetKind.value === "group"
+    ? `/api/groups/${encodeURIComponent(targetName.value.trim())}/desired`
+    : `/api/devices/${encodeURIComponent(targetName.value.trim())}/desired`;
+
+  let saved = null;
+  async function loadSaved() {
+    saved = await getJson(desiredPath());
+    const set = Object.fromEntries(["config", "schedules", "name"].filter((k) => saved[k] !== null).map((k) => [k, saved[k]]));
+    current.textContent = Object.keys(set).length
+      ? JSON.stringify(set, null, 2) + (saved.changed ? "\n\nsaved " + new Date(saved.changed).toLocaleString() : "")
+      : "Nothing is set here.";
+    nameInput.value = saved.name || "";
+  }
+
+  function showRefusal(box, e) {
+    if (!(e instanceof ApiRefusal)) {
+      box.replaceChildren(message("error", "Not sent: " + e.message));
+      return;
+    }
+    box.replaceChildren(el("div", { class: "message error refusal", role: "alert" },
+      el("strong", {}, "Refused, nothing saved. "),
+      e.member ? el("span", {}, "Member ", el("code", { class: "member" }, e.member), ": ") : null,
+      el("span", { class: "reason" }, e.message)));
+  }
+
+  // The whole desired state as it would be saved: the saved one with the uploaded member replaced.
+  function proposed() {
+    let parsed;
+    try {
+      parsed = JSON.parse(text.value);
+    } catch (e) {
+      throw new Error("the text is not valid JSON (" + e.message + ")");
+    }
+    const whole = {};
+    for (const key of ["config", "schedules", "name"])
+      if (saved && saved[key] !== null && saved[key] !== undefined) whole[key] = saved[key];
+    whole[member.value] = parsed;
+    return whole;
+  }
+
+  async function check() {
+    try {
+      const answer = await sendJson("POST", "/api/validate", proposed());
+      const sums = [answer.csCfg && `configuration checksum ${answer.csCfg}`,
+        answer.csSched && `schedules checksum ${answer.csSched}`].filter(Boolean).join(", ");
+      result.replaceChildren(message("ok", "Accepted by the library, not saved yet" + (sums ? ": " + sums : ".")));
+      return true;
+    } catch (e) {
+      showRefusal(result, e);
+      return false;
+    }
+  }
+
+  async function save() {
+    if (!(await check())) return;
+    try {
+      await sendJson("PUT", desiredPath(), proposed());
+      result.replaceChildren(message("ok", `Saved: the ${MEMBERS[member.value]} is being pushed.`));
+      await loadSaved();
+      await loadProgress();
+    } catch (e) {
+      showRefusal(result, e);
+    }
+  }
+
+  async function rename() {
+    const whole = {};
+    for (const key of ["config", "schedules"]) if (saved && saved[key] !== null) whole[key] = saved[key];
+    if (nameInput.value.trim()) whole.name = nameInput.value.trim();
+    try {
+      await sendJson("PUT", desiredPath(), whole);
+      nameResult.replaceChildren(message("ok", whole.name ? `Saved: the name "${whole.name}".` : "Saved: no name set here."));
+      await loadSaved();
+      await loadProgress();
+    } catch (e) {
+      showRefusal(nameResult, e);
+    }
+  }
+
+  file.addEventListener("change", async () => {
+    if (!file.files.length) return;
+    text.value = await file.files[0].text();
+    result.replaceChildren();
+  });
+
+  async function loadProgress() {
+    const name = targetName.value.trim();
+    const devices = targetKind.value === "group"
+      ? await getJson("/api/devices?group=" + encodeURIComponent(name))
+      : [await getJson("/api/devices/" + encodeURIComponent(name))];
+    const counts = Object.fromEntries(STATUSES.map((s) => [s, 0]));
+    for (const d of devices) counts[d.status] = (counts[d.status] || 0) + 1;
+    progressSummary.textContent = `${devices.length} panel(s): ` +
+      STATUSES.filter((s) => counts[s]).map((s) => `${counts[s]} ${s}`).join(", ");
+    progressRows.replaceChildren(...devices.map((d) => el("tr", { "data-address": d.address },
+      el("td", {}, el("a", { href: "#/panel/" + d.address }, (d.reported && d.reported.name) || d.address)),
+      el("td", { class: "status" }, statusBadge(d.status)),
+      el("td", {}, d.difference),
+      el("td", {}, d.error),
+      el("td", {}, d.attempts))));
+  }
+
+  async function targetChanged() {
+    result.replaceChildren();
+    nameResult.replaceChildren();
+    try {
+      await loadSaved();
+      await loadProgress();
+    } catch (e) {
+      saved = null;
+      current.textContent = "";
+      showRefusal(result, e);
+    }
+  }
+
+  const reload = debounce(() => loadProgress().catch(() => {}), 500);
+  const stop = onChange((change) => { if (change.kind === "device" || change.kind === "reload") reload(); });
+  await targetChanged();
+  return stop;
+}
