@@ -11,6 +11,7 @@ packages=(
   libasio-dev libcli11-dev python3 help2man tshark
   mosquitto mosquitto-clients libmosquitto-dev libsqlite3-dev libcpp-httplib-dev
   python3-dev pybind11-dev python3-pytest python3-paho-mqtt
+  libjs-chart.js chromium chromium-driver python3-selenium
 )
 if [ "${1:-}" = "--arm" ]; then
   packages+=(g++-arm-linux-gnueabihf qemu-user libssl-dev:armhf libgtest-dev:armhf libbenchmark-dev:armhf
