@@ -425,13 +425,16 @@ void HttpApi::routes()
 
     // Checks a desired state as a PUT would, and stores nothing: a page shows the refusal by
     // member, or the checksums the panels will confirm, before the operator saves.
-    s.Post("/api/validate", guarded([](httplib::Request const& req, httplib::Response& res) {
+    // The checksums come from the polling thread, whose cache of them is not shared.
+    s.Post("/api/validate", guarded([this](httplib::Request const& req, httplib::Response& res) {
         const DesiredState desired = parseDesired(req.body);
-        const EffectiveDesired effective = resolveDesired(desired, std::nullopt);
-        Json out = {{"valid", true}};
-        if (effective.config) out["csCfg"] = effective.csCfg;
-        if (effective.schedules) out["csSched"] = effective.csSched;
-        reply(res, 200, out);
+        reply(res, 200, onIo(m_io, [&] {
+                  const EffectiveDesired effective = resolveDesired(desired, std::nullopt);
+                  Json out = {{"valid", true}};
+                  if (effective.config) out["csCfg"] = effective.csCfg;
+                  if (effective.schedules) out["csSched"] = effective.csSched;
+                  return out;
+              }));
     }));
 
     s.Get("/api/groups", guarded([this](httplib::Request const&, httplib::Response& res) {
