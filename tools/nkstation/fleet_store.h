@@ -33,6 +33,8 @@ struct DeviceRecord
     // The extended state word (its low byte the mobile link); from the last state polled, not
     // kept in the store: a restarted station has it again at the panel's first poll.
     unsigned long long extState = 0;
+    // When the panel last came online (0 while offline); also kept in memory only.
+    long long onlineSince_ms = 0;
     // Reconciling: "in sync", "pending", "pushing", "failed", "offline".
     std::string status = "pending";
     std::string lastError;

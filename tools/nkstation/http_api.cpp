@@ -105,6 +105,7 @@ Json deviceJson(DeviceRecord const& d, EffectiveDesired const& desired)
                 {"transport", d.transport},
                 {"online", d.online},
                 {"lastSeen", d.lastSeen_ms},
+                {"onlineSince", d.onlineSince_ms},
                 {"status", d.status},
                 {"error", d.lastError},
                 {"attempts", d.attempts},

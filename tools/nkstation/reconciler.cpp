@@ -99,6 +99,8 @@ void Reconciler::presence(unsigned int address, bool online)
     DeviceRecord& device = m_devices[address];
     const bool known = device.address == address && (device.reported || device.lastSeen_ms != 0);
     device.address = address;
+    if (online && !device.online) device.onlineSince_ms = nowMs();
+    if (!online) device.onlineSince_ms = 0;
     device.online = online;
     if (online) {
         device.lastSeen_ms = nowMs();

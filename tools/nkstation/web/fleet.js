@@ -26,7 +26,7 @@ export async function showFleet(main) {
     el("div", { class: "table-wrap" },
       el("table", { id: "devices" },
         el("caption", { class: "visually-hidden" }, "Panels"),
-        el("thead", {}, el("tr", {}, ["Panel", "Address", "Group", "Online / last seen", "Status", "Reason"].map(
+        el("thead", {}, el("tr", {}, ["Panel", "Address", "Group", "Online since / last seen", "Status", "Reason"].map(
           (h) => el("th", { scope: "col" }, h)))),
         rows)),
     footer);
@@ -63,8 +63,9 @@ export async function showFleet(main) {
       el("td", {}, el("a", { href: "#/panel/" + d.address }, name)),
       el("td", {}, d.address),
       el("td", {}, d.group),
-      el("td", {}, d.online ? el("span", { class: "online" }, "online") : el("span", { class: "offline" }, "offline"),
-        " · ", dateTime(d.lastSeen)),
+      el("td", {}, d.online
+        ? [el("span", { class: "online" }, "online"), d.onlineSince ? " since " + dateTime(d.onlineSince) : ""]
+        : [el("span", { class: "offline" }, "offline"), " · last seen " + dateTime(d.lastSeen)]),
       el("td", { class: "status" }, statusBadge(d.status)),
       el("td", { class: "reason" }, d.error || d.difference || ""));
   }

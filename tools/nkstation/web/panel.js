@@ -36,7 +36,7 @@ export async function showPanel(main, address) {
         String(have) !== String(want) ? "differs" : "" }, el("th", { scope: "row" }, what), cell(have), cell(want));
     fill(stateBox,
       el("h2", { id: "state-heading" }, "Reported and desired"),
-      el("p", {}, statusBadge(device.status), " ", device.online ? "online" : "offline",
+      el("p", {}, statusBadge(device.status), " ", device.online ? "online" + (device.onlineSince ? " since " + dateTime(device.onlineSince) : "") : "offline",
         " · last seen ", dateTime(device.lastSeen), " · group ",
         el("a", { href: `#/desired?group=${encodeURIComponent(device.group)}` }, device.group),
         " · ", el("a", { href: `#/desired?panel=${address}` }, "change this panel's desired state")),
