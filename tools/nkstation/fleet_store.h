@@ -33,8 +33,10 @@ struct DeviceRecord
     // The extended state word (its low byte the mobile link); from the last state polled, not
     // kept in the store: a restarted station has it again at the panel's first poll.
     unsigned long long extState = 0;
-    // When the panel last came online (0 while offline); also kept in memory only.
+    // When the panel last came online (0 while offline), and its display configurations as the
+    // JSON of its answer (empty until collected); also kept in memory only.
     long long onlineSince_ms = 0;
+    std::string displaysJson;
     // Reconciling: "in sync", "pending", "pushing", "failed", "offline".
     std::string status = "pending";
     std::string lastError;

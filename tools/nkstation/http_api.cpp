@@ -123,6 +123,8 @@ Json deviceJson(DeviceRecord const& d, EffectiveDesired const& desired)
     if (desired.images) want["images"] = imageSetJson(*desired.images);
     out["desired"] = want;
     out["difference"] = describeDifference(d, desired);
+    Json displays = d.displaysJson.empty() ? Json(nullptr) : Json::parse(d.displaysJson, nullptr, false);
+    out["displays"] = displays.is_discarded() ? Json(nullptr) : displays;
     return out;
 }
 

@@ -1,5 +1,6 @@
 #include "reconciler.h"
 
+#include "nk_messageDisplayConfiguration.h"
 #include "nk_messageEvents.h"
 #include "nk_messageImage.h"
 #include "nk_messageState.h"
@@ -440,8 +441,25 @@ void Reconciler::collect(std::shared_ptr<Job> job)
                                   m_store.addStatistics(sample);
                                   m_lastCollect_ms[job->address] = sample.time_ms;
                               }
-                              finish(job, "in sync", std::string());
+                              collectDisplays(job);
                           });
+    });
+}
+
+// The panel's display configurations and logical displays, for the dashboard; kept in memory
+// with the rest of the last reported state.
+void Reconciler::collectDisplays(std::shared_ptr<Job> job)
+{
+    nk_messageGetDisplayConfigurationReq request(nk_message::VERSION_1);
+    m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+        std::string error = why;
+        auto answer = answerOf(content, nk_message::GET_DISPLAY_CONFIGURATION_RSP, error);
+        if (answer) {
+            tJson json;
+            answer->serializeToJson(&json);
+            m_devices[job->address].displaysJson = json.getJson(false).str();
+        }
+        finish(job, "in sync", std::string());
     });
 }
 

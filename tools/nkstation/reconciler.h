@@ -73,6 +73,7 @@ private:
     void pushSchedules(std::shared_ptr<Job> job);
     void pushName(std::shared_ptr<Job> job);
     void collect(std::shared_ptr<Job> job);
+    void collectDisplays(std::shared_ptr<Job> job);
     void finish(std::shared_ptr<Job> job, std::string const& status, std::string const& error);
     void setStatus(DeviceRecord& device, std::string const& status, std::string const& error);
     void save(DeviceRecord const& device);

@@ -280,6 +280,9 @@ def check_panel(page):
     page.until("today's timeline shows the schedule's entries",
                lambda d: len(d.find_elements("css selector", ".timeline .track .slot.image-0")) > 0 and
                "daytime" in d.find_element("css selector", ".timeline").text)
+    page.until("the panel's display configurations and logical displays are listed, the current one marked",
+               lambda d: len(d.find_elements("css selector", "#displays tbody tr")) == 3 and
+               "single (1), current" in d.find_element("id", "displays").text)
     page.until("the configuration's frames are listed", lambda d: len(d.find_elements("css selector", "#frames tbody tr")) > 0)
     page.shot("panel")
 

@@ -56,8 +56,8 @@ export async function showPanel(main, address) {
           row("transport", device.transport, "—")))));
     timelineBox.replaceChildren(el("h2", { id: "timeline-heading" }, "Schedule timeline"),
       drawTimeline(desired.schedules, desired.config));
-    framesBox.replaceChildren(el("h2", { id: "frames-heading" }, "Frames and logical displays"),
-      drawFrames(desired.config));
+    framesBox.replaceChildren(el("h2", { id: "frames-heading" }, "Display configurations and frames"),
+      drawDisplays(device.displays), drawFrames(desired.config));
   }
 
   // Events: the collected ones, newest first, filtered by category and paged.
@@ -127,10 +127,31 @@ export async function showPanel(main, address) {
   });
 }
 
+// Ids travel as a 16-bit word whose bit 15 marks the current configuration or logical display.
+const idOf = (word) => (word || 0) & 0x7fff;
+const current = (word) => ((word || 0) & 0x8000) !== 0;
+
+function drawDisplays(displays) {
+  if (!displays) return el("p", { class: "note" }, "The panel has not reported its display configurations yet.");
+  const rows = [];
+  for (const c of displays.dispConfigs || [])
+    for (const d of c.logDisps || [])
+      rows.push(el("tr", { class: current(c.id) ? "current" : "" },
+        el("td", {}, `${c.name} (${idOf(c.id)})${current(c.id) ? ", current" : ""}`),
+        el("td", {}, `${d.name} (${idOf(d.id)})${current(d.id) ? ", current" : ""}`),
+        el("td", {}, `${d.w} × ${d.h}`), el("td", {}, `${d.l}, ${d.t}`)));
+  return el("div", {},
+    el("p", {}, `Display "${displays.name}", rotation ${displays.rot}°.`),
+    el("div", { class: "table-wrap" }, el("table", { id: "displays" },
+      el("thead", {}, el("tr", {}, ["Display configuration", "Logical display", "Size", "Left, top"].map(
+        (h) => el("th", { scope: "col" }, h)))),
+      el("tbody", {}, rows))));
+}
+
 function drawFrames(config) {
   if (!config) return el("p", { class: "note" }, "No configuration is desired for this panel.");
   const frames = config.frames || [];
-  return el("div", {},
+  return el("div", {}, el("h3", {}, "Frames of the desired configuration"),
     el("p", {}, `Default logical display ${config.defaultLogicalDisplay ?? "—"}, display software configuration ${config.curDispSwCfg ?? "—"}.`),
     frames.length ? el("div", { class: "table-wrap" }, el("table", { id: "frames" },
       el("thead", {}, el("tr", {}, ["Frame", "Id", "Logical display", "Left", "Top", "Width", "Height"].map(
