@@ -477,7 +477,9 @@ void Reconciler::finish(std::shared_ptr<Job> job, std::string const& status, std
     } else {
         device.attempts = 0;
         device.nextAttempt_ms = 0;
-        setStatus(device, status, error);
+        // A panel that went away while its last answers were on the way is offline, not in sync:
+        // its presence arrived while the round was busy and left the status to this end.
+        setStatus(device, device.online ? status : "offline", error);
     }
     save(device);
     m_busy.erase(job->address);
