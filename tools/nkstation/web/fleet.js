@@ -31,6 +31,15 @@ export async function showFleet(main) {
         rows)),
     footer);
 
+  // The tiles are made once and updated in place, so that a live change never takes the
+  // keyboard focus away from the one an operator is on.
+  const total = el("div", { class: "count total", "data-status": "all" });
+  const tiles = new Map(STATUSES.map((s) => [s, el("button", {
+    type: "button", class: "count status-" + s.replace(" ", "-"), "data-status": s,
+    onclick: () => { statusSelect.value = state.status === s ? "" : s; filtersChanged(); },
+  })]));
+  counts.append(total, ...tiles.values());
+
   function drawCounts() {
     const byStatus = Object.fromEntries(STATUSES.map((s) => [s, 0]));
     let online = 0;
@@ -38,15 +47,12 @@ export async function showFleet(main) {
       byStatus[d.status] = (byStatus[d.status] || 0) + 1;
       if (d.online) online++;
     }
-    counts.replaceChildren(
-      el("div", { class: "count total", "data-status": "all" },
-        el("span", { class: "number" }, state.devices.size), el("span", {}, "panels"),
-        el("span", { class: "sub" }, `${online} online`)),
-      ...STATUSES.map((s) => el("button", {
-        type: "button", class: "count status-" + s.replace(" ", "-"), "data-status": s,
-        "aria-pressed": state.status === s ? "true" : "false",
-        onclick: () => { statusSelect.value = state.status === s ? "" : s; filtersChanged(); },
-      }, el("span", { class: "number" }, byStatus[s]), el("span", {}, s))));
+    total.replaceChildren(el("span", { class: "number" }, state.devices.size), el("span", {}, "panels"),
+      el("span", { class: "sub" }, `${online} online`));
+    for (const [s, tile] of tiles) {
+      tile.replaceChildren(el("span", { class: "number" }, byStatus[s]), el("span", {}, s));
+      tile.setAttribute("aria-pressed", state.status === s ? "true" : "false");
+    }
   }
 
   function matches(d) {
@@ -57,25 +63,36 @@ export async function showFleet(main) {
     return name.toLowerCase().includes(state.search) || String(d.address).includes(state.search);
   }
 
+  // Rows are kept per panel and their cells rewritten, so that the focus stays on a link while
+  // the list changes live; rows move only when the list's order or membership changes.
+  const rowOf = new Map();
   function row(d) {
-    const name = (d.reported && d.reported.name) || "panel " + d.address;
-    return el("tr", { "data-address": d.address },
-      el("td", {}, el("a", { href: "#/panel/" + d.address }, name)),
-      el("td", {}, d.address),
-      el("td", {}, d.group),
-      el("td", {}, d.online
-        ? [el("span", { class: "online" }, "online"), d.onlineSince ? " since " + dateTime(d.onlineSince) : ""]
-        : [el("span", { class: "offline" }, "offline"), " · last seen " + dateTime(d.lastSeen)]),
-      el("td", { class: "status" }, statusBadge(d.status)),
-      el("td", { class: "reason" }, d.error || d.difference || ""));
+    let tr = rowOf.get(d.address);
+    if (!tr) {
+      tr = el("tr", { "data-address": d.address }, el("td", {}, el("a", { href: "#/panel/" + d.address })),
+        el("td", {}, d.address), el("td", {}), el("td", {}), el("td", { class: "status" }), el("td", { class: "reason" }));
+      rowOf.set(d.address, tr);
+    }
+    const [name, , group, presence, status, reason] = tr.children;
+    name.firstChild.textContent = (d.reported && d.reported.name) || "panel " + d.address;
+    group.textContent = d.group;
+    presence.replaceChildren(...(d.online
+      ? [el("span", { class: "online" }, "online"), d.onlineSince ? " since " + dateTime(d.onlineSince) : ""]
+      : [el("span", { class: "offline" }, "offline"), " · last seen " + dateTime(d.lastSeen)]));
+    status.replaceChildren(statusBadge(d.status));
+    reason.textContent = d.error || d.difference || "";
+    return tr;
   }
 
   function drawRows() {
-    const shown = [...state.devices.values()].filter(matches).sort((a, b) => a.address - b.address);
-    rows.replaceChildren(...shown.slice(0, SHOWN_AT_MOST).map(row));
-    footer.textContent = shown.length > SHOWN_AT_MOST
-      ? `${shown.length} panels match; the first ${SHOWN_AT_MOST} are shown. Narrow the search to see others.`
-      : `${shown.length} of ${state.devices.size} panels shown.`;
+    const shown = [...state.devices.values()].filter(matches).sort((a, b) => a.address - b.address)
+      .slice(0, SHOWN_AT_MOST).map(row);
+    const same = shown.length === rows.children.length && shown.every((tr, i) => rows.children[i] === tr);
+    if (!same) rows.replaceChildren(...shown);
+    const matching = [...state.devices.values()].filter(matches).length;
+    footer.textContent = matching > SHOWN_AT_MOST
+      ? `${matching} panels match; the first ${SHOWN_AT_MOST} are shown. Narrow the search to see others.`
+      : `${matching} of ${state.devices.size} panels shown.`;
   }
 
   function drawGroups(groups) {
