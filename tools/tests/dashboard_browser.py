@@ -151,12 +151,16 @@ def check_fleet(page, leaving_proc):
 
     # A panel going away turns offline on the page without a reload.
     page.js("window.notReloaded = true;")
+    page.until("the search is cleared", lambda d: len(d.find_elements("css selector", "#devices tbody tr")) == STEADY + 1)
+    page.js("document.querySelector('#devices tr[data-address=\"%d\"] a').focus();" % FIRST)
     leaving_proc.send_signal(signal.SIGTERM)
     leaving_proc.wait(60)
     page.until("the stopped panel is shown offline without a reload",
                lambda d: row_status(page, LEAVING) == "offline" and page.js("return window.notReloaded === true;"))
     page.until("the offline tile counts it",
                lambda d: page_counts(page).get("offline") == 1 and page_counts(page).get("in sync") == STEADY)
+    check(page.js("return document.activeElement.getAttribute('href');") == "#/panel/%d" % FIRST,
+          "the keyboard focus stays on the panel link it was on while the list changed live")
     page.shot("fleet-one-offline")
 
     # By keyboard: the offline tile is a button that filters the list.
@@ -165,6 +169,14 @@ def check_fleet(page, leaving_proc):
     page.until("pressing Enter on the offline tile filters the list to that panel",
                lambda d: [r.get_attribute("data-address") for r in
                           d.find_elements("css selector", "#devices tbody tr")] == [str(LEAVING)])
+
+
+def settled(driver):
+    """Rows of the push progress in sync with nothing left to differ (the status of a panel whose
+    desired state just changed is still its last round's until the station works on it)."""
+    return sum(1 for r in driver.find_elements("css selector", "#progress tbody tr")
+               if r.find_element("css selector", "td.status").text.endswith("in sync") and
+               r.find_elements("css selector", "td")[2].text.strip() == "")
 
 
 def upload(page, text_path, member="config"):
@@ -191,8 +203,7 @@ def check_desired(page, config):
     upload(page, good_path)
     page.until("the page confirms the save", lambda d: "Saved" in d.find_element("id", "upload-result").text)
     page.until("the push progress shows every online panel in sync",
-               lambda d: sum(1 for r in d.find_elements("css selector", "#progress tbody td.status")
-                             if r.text.endswith("in sync")) == STEADY)
+               lambda d: settled(d) == STEADY)
     _, desired = api("/api/groups/default/desired")
     check(desired["config"] == good, "the uploaded configuration is the group's desired one")
     _, panel = api("/api/devices/%d" % FIRST)
@@ -228,8 +239,7 @@ def check_desired(page, config):
     upload(page, schedules_path, "schedules")
     page.until("the schedule set is saved and the online panels are in sync again",
                lambda d: "Saved" in d.find_element("id", "upload-result").text and
-               sum(1 for r in d.find_elements("css selector", "#progress tbody td.status")
-                   if r.text.endswith("in sync")) == STEADY and
+               settled(d) == STEADY and
                api("/api/devices/%d" % FIRST)[1]["reported"]["csSched"] ==
                api("/api/devices/%d" % FIRST)[1]["desired"].get("csSched"))
     check(api("/api/groups/default/desired")[1]["config"] == good, "saving the schedule set kept the configuration")
