@@ -5,12 +5,15 @@ Starts a private mosquitto (scripts/broker.sh), nkstation with a fresh SQLite st
 fleet of panels (nkdevice --simulate) and one real nkdevice process with its own data directory;
 pushes a group configuration and schedule set through the station's HTTP API and shows the fleet
 converging, then takes the real panel offline, changes what it should hold while it is away and
-brings it back. Prints a transcript; exits 0 only if every step did what it should. Everything it
-started is stopped on any exit.
+brings it back. Prints a transcript and the dashboard's address; run from a terminal it waits for
+Enter before the push and before stopping, so that the fleet can be watched converging in the
+dashboard. Exits 0 only if every step did what it should. Everything it started is stopped on any
+exit.
     tools/fleet_demo.py [BUILD_DIR]
 """
 import json
 import os
+import select
 import shutil
 import signal
 import subprocess
@@ -75,6 +78,24 @@ def start(name, cmd):
     return proc, announcement
 
 
+def dashboard_page(url):
+    try:
+        with urllib.request.urlopen(url, timeout=30) as response:
+            return response.read()
+    except (OSError, ValueError):
+        return b""
+
+
+def hold(text, seconds):
+    """Run from a terminal, waits for Enter (at most seconds) so that a person can look at the
+    dashboard; run by a script or a test, goes straight on."""
+    if not sys.stdin.isatty():
+        return
+    say("%s (it goes on by itself after %d minutes)" % (text, seconds // 60))
+    if select.select([sys.stdin], [], [], seconds)[0]:
+        sys.stdin.readline()
+
+
 def stop(proc, sig=signal.SIGTERM, seconds=30):
     """Sends sig and waits for the process; gives its exit status (killed after the time limit)."""
     if proc.poll() is None:
@@ -101,6 +122,7 @@ class Station:
             "--http", "127.0.0.1:0", "--timeout", "5", "--poll-interval", "30", "--collect-interval", "60",
             "--max-concurrent", "16"])
         self.base = "http://" + announcement["http"]
+        self.dashboard = announcement.get("dashboard")
 
     def call(self, method, path, body=None):
         data = json.dumps(body).encode() if body is not None else None
@@ -171,6 +193,9 @@ def demo():
     step("start nkstation with a fresh SQLite store")
     station = Station(url)
     print("station: %s/" % station.base, flush=True)
+    print("dashboard: %s  (open it in a browser to watch the fleet)" % station.dashboard, flush=True)
+    verdict(station.dashboard is not None and b"nkstation dashboard" in dashboard_page(station.dashboard),
+            "the station serves its dashboard")
     verdict(station.get("/api/summary")["devices"] == 0, "the station knows no panel yet")
 
     step("start %d simulated panels (addresses %d to %d) and one real nkdevice (address %d)"
@@ -180,6 +205,8 @@ def demo():
     panel = real_panel(url)
     watch(station, "all %d panels came online and reported their state" % PANELS,
           lambda s: s["online"] == PANELS and s["devices"] == PANELS and s["working"] == 0 and s["queued"] == 0)
+
+    hold("open the dashboard at %s now to watch the push; press Enter to go on" % station.dashboard, 300)
 
     step("push a configuration and a schedule set to the group 'default' through the HTTP API")
     say("$ curl -X PUT %s/api/groups/default/desired -d '{\"config\": <examples/config.json>, "
@@ -210,6 +237,8 @@ def demo():
     device = station.get("/api/devices/%d" % REAL)
     say("panel %d: online %s, status %s, name '%s', configuration %s"
         % (REAL, device["online"], device["status"], device["reported"]["name"], device["reported"]["csCfg"]))
+
+    hold("the fleet keeps running for the dashboard at %s; press Enter to stop it" % station.dashboard, 600)
 
     step("stop the panels, the station and the broker")
     for name, proc in reversed(children):
