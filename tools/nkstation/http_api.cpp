@@ -432,6 +432,7 @@ void HttpApi::routes()
     s.Post("/api/validate", guarded([this](httplib::Request const& req, httplib::Response& res) {
         const DesiredState desired = parseDesired(req.body);
         reply(res, 200, onIo(m_io, [&] {
+                  checkImagesHeld(m_store, desired);
                   const EffectiveDesired effective = resolveDesired(desired, std::nullopt);
                   Json out = {{"valid", true}};
                   if (effective.config) out["csCfg"] = effective.csCfg;

@@ -69,7 +69,7 @@ export async function showDesired(main, params) {
   let saved = null;
   async function loadSaved() {
     saved = await getJson(desiredPath());
-    const set = Object.fromEntries(["config", "schedules", "name"].filter((k) => saved[k] !== null).map((k) => [k, saved[k]]));
+    const set = savedMembers();
     current.textContent = Object.keys(set).length
       ? JSON.stringify(set, null, 2) + (saved.changed ? "\n\nsaved " + new Date(saved.changed).toLocaleString() : "")
       : "Nothing is set here.";
@@ -87,6 +87,14 @@ export async function showDesired(main, params) {
       el("span", { class: "reason" }, e.message)));
   }
 
+  // What is set at this level now (a PUT replaces the whole, so every member is sent again).
+  function savedMembers() {
+    const whole = {};
+    for (const [key, value] of Object.entries(saved || {}))
+      if (key !== "changed" && value !== null && value !== undefined) whole[key] = value;
+    return whole;
+  }
+
   // The whole desired state as it would be saved: the saved one with the uploaded member replaced.
   function proposed() {
     let parsed;
@@ -95,9 +103,7 @@ export async function showDesired(main, params) {
     } catch (e) {
       throw new Error("the text is not valid JSON (" + e.message + ")");
     }
-    const whole = {};
-    for (const key of ["config", "schedules", "name"])
-      if (saved && saved[key] !== null && saved[key] !== undefined) whole[key] = saved[key];
+    const whole = savedMembers();
     whole[member.value] = parsed;
     return whole;
   }
@@ -128,8 +134,8 @@ export async function showDesired(main, params) {
   }
 
   async function rename() {
-    const whole = {};
-    for (const key of ["config", "schedules"]) if (saved && saved[key] !== null) whole[key] = saved[key];
+    const whole = savedMembers();
+    delete whole.name;
     if (nameInput.value.trim()) whole.name = nameInput.value.trim();
     try {
       await sendJson("PUT", desiredPath(), whole);
