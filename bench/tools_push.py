@@ -173,7 +173,10 @@ def main():
     with tempfile.TemporaryDirectory(dir=os.environ.get("TMPDIR")) as work:
         path = os.path.join(work, "content.bin")
         with open(path, "wb") as f:
-            f.write(os.urandom(size))  # random: nothing for compression to gain
+            # Random, so that compression gains nothing; written in pieces, so that this
+            # process stays small (a child's maximum resident set counts it until exec).
+            for _ in range(args.mib):
+                f.write(os.urandom(1 << 20))
         receivers = []
         try:
             for name, start in VARIANTS:

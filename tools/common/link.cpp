@@ -1,5 +1,13 @@
 #include "link.h"
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 void Link::start(ReceiveHandler onReceive, CloseHandler onClose)
 {
     m_onReceive = std::move(onReceive);
@@ -29,6 +37,10 @@ bool Link::queue(unsigned char const* data, std::size_t length)
     if (!m_open) return false;
     if (length == 0) return true;
     if (unsentBytes() + length > kMaxQueuedBytes) return false;
+    if (m_direct && unsentBytes() == 0) {
+        const int descriptor = writeDescriptor();
+        if (descriptor >= 0) return writeNow(descriptor, data, length);
+    }
     m_pending.insert(m_pending.end(), data, data + length);
     if (m_writing.empty()) writeMore();
     return true;
@@ -59,6 +71,54 @@ void Link::writeMore()
         }
         writeMore();
     });
+}
+
+void Link::writeDirectly(std::chrono::milliseconds quiet, WriteProgress onWrite)
+{
+    m_direct = true;
+    m_quiet = quiet;
+    m_onWrite = std::move(onWrite);
+}
+
+bool Link::writeNow(int descriptor, unsigned char const* data, std::size_t length)
+{
+    // Non-blocking, so that a peer that stops reading is noticed after the quiet time
+    // instead of holding write() for ever; asio's own operations expect EAGAIN anyway.
+    const int flags = ::fcntl(descriptor, F_GETFL);
+    if (flags >= 0 && !(flags & O_NONBLOCK)) ::fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
+    struct stat kind {};
+    const bool socket = ::fstat(descriptor, &kind) == 0 && S_ISSOCK(kind.st_mode);
+    std::size_t done = 0;
+    while (done < length) {
+        // A socket whose peer has gone must give EPIPE, not the signal that ends the process.
+        const ssize_t n = socket ? ::send(descriptor, data + done, length - done, MSG_NOSIGNAL)
+                                 : ::write(descriptor, data + done, length - done);
+        if (n > 0) {
+            done += static_cast<std::size_t>(n);
+            m_bytesWritten += static_cast<std::uint64_t>(n);
+            if (m_onWrite) m_onWrite(done, length);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            pollfd writable{descriptor, POLLOUT, 0};
+            const int ready = ::poll(&writable, 1, static_cast<int>(m_quiet.count()));
+            if (ready == 0) {
+                m_timedOut = true;
+                fail("time-out: no byte taken for " + std::to_string(m_quiet.count() / 1000) + " s");
+                return false;
+            }
+            if (ready < 0 && errno != EINTR) {
+                fail(std::strerror(errno));
+                return false;
+            }
+            // POLLERR or POLLHUP: the next write says what happened.
+            continue;
+        }
+        fail(n == 0 ? std::string("closed by peer") : std::string(std::strerror(errno)));
+        return false;
+    }
+    return true;
 }
 
 void Link::fail(std::string const& reason)

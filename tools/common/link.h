@@ -1,6 +1,7 @@
 #ifndef NK_TOOLS_LINK_H
 #define NK_TOOLS_LINK_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -35,6 +36,16 @@ public:
     // Ends the link; the close handler gets reason.
     void close(std::string const& reason = "closed");
 
+    // Direct writes, for a program that sends one request at a time and has nothing else to
+    // do meanwhile (nkctl): queue() writes the bytes to the stream itself and waits while the
+    // peer does not take them, instead of copying them into the output queue. A large request
+    // is then neither copied nor held twice. After quiet without a byte taken the link ends
+    // as timed out. onWrite runs after every write with the bytes of this queue() call
+    // written so far and their number. Links over other streams keep queueing.
+    using WriteProgress = std::function<void(std::size_t written, std::size_t length)>;
+    void writeDirectly(std::chrono::milliseconds quiet, WriteProgress onWrite);
+    bool timedOut() const { return m_timedOut; }
+
     bool isOpen() const { return m_open; }
     std::size_t unsentBytes() const { return m_pending.size() - m_pendingOffset + m_writing.size(); }
     std::uint64_t bytesWritten() const { return m_bytesWritten; }
@@ -46,11 +57,15 @@ protected:
     virtual void asyncReadSome(asio::mutable_buffer buffer, ReadDone done) = 0;
     virtual void asyncWrite(asio::const_buffer buffer, ReadDone done) = 0;
     virtual void closeStream() = 0;
+    // The descriptor that direct writes use, or -1 where bytes must pass through asio (a
+    // stream that encrypts or frames them).
+    virtual int writeDescriptor() { return -1; }
 
 private:
     void readMore();
     void writeMore();
     void fail(std::string const& reason);
+    bool writeNow(int descriptor, unsigned char const* data, std::size_t length);
 
     // Writes go out in slices so that a long transfer reports its progress as it goes.
     static constexpr std::size_t kWriteSlice = 64u << 10;
@@ -65,7 +80,20 @@ private:
     std::vector<unsigned char> m_writing;
     std::uint64_t m_bytesWritten = 0;
     std::uint64_t m_bytesRead = 0;
+    bool m_direct = false;
+    bool m_timedOut = false;
+    std::chrono::milliseconds m_quiet{0};
+    WriteProgress m_onWrite;
 };
+
+// The descriptor of the streams whose bytes go to the kernel unchanged.
+inline int plainDescriptor(asio::ip::tcp::socket& stream) { return stream.native_handle(); }
+inline int plainDescriptor(asio::serial_port& stream) { return stream.native_handle(); }
+template <typename Stream>
+int plainDescriptor(Stream&)
+{
+    return -1;
+}
 
 // A link over any asio stream with async_read_some / async_write_some (sockets, serial ports).
 template <typename Stream>
@@ -89,6 +117,7 @@ protected:
         std::error_code ignored;
         m_stream.close(ignored);
     }
+    int writeDescriptor() override { return m_stream.is_open() ? plainDescriptor(m_stream) : -1; }
 
 private:
     Stream m_stream;

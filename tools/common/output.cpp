@@ -110,6 +110,20 @@ void render(Json const& v, int indent, std::string& out)
     }
 }
 
+namespace
+{
+// A status line (preparing, progress) stands on the terminal without its newline; a message
+// on standard error first wipes it.
+bool g_statusLineOpen = false;
+
+void wipeStatusLine()
+{
+    if (!g_statusLineOpen) return;
+    std::fputs("\r\x1b[K", stderr);
+    g_statusLineOpen = false;
+}
+}
+
 bool stderrIsTerminal()
 {
     return ::isatty(STDERR_FILENO) == 1;
@@ -194,12 +208,14 @@ void logLine(char const* level, std::string const& source, std::string const& te
     char fraction[8];
     std::snprintf(fraction, sizeof fraction, ".%03lld", ms % 1000);
     stamp.insert(19, fraction);
+    wipeStatusLine();
     std::fprintf(stderr, "%s %s %s: %s\n", stamp.c_str(), level, source.c_str(), escapeControl(text).c_str());
 }
 
 void reportError(char const* program, std::string const& message)
 {
     std::fflush(stdout);
+    wipeStatusLine();
     std::fprintf(stderr, "%s: %s\n", program, escapeControl(message).c_str());
 }
 
@@ -213,29 +229,40 @@ void Progress::update(std::uint64_t done)
     if (!m_active) return;
     const auto now = std::chrono::steady_clock::now();
     if (m_shown && done < m_total && now - m_lastShown < std::chrono::milliseconds(200)) return;
+    if (m_shown && done >= m_total && m_complete) return;
     m_lastShown = now;
     m_shown = true;
+    m_complete = done >= m_total;
     const double seconds = std::chrono::duration<double>(now - m_start).count();
     const double rate = seconds > 0.05 ? static_cast<double>(done) / seconds : 0.0;
     const unsigned int percent = static_cast<unsigned int>(done >= m_total ? 100 : done * 100 / m_total);
     std::string left = "--";
     if (rate > 0.0) left = std::to_string(static_cast<unsigned long long>((m_total - std::min(done, m_total)) / rate)) + " s";
-    std::fprintf(stderr, "\r\x1b[K%s: %3u%% %s of %s, %s/s, %s left", m_label.c_str(), percent,
+    // Once every byte is out, the device still checks and stores what it got.
+    std::fprintf(stderr, "\r\x1b[K%s: %3u%% %s of %s, %s/s, %s left%s", m_label.c_str(), percent,
                  bytesText(static_cast<double>(done)).c_str(), bytesText(static_cast<double>(m_total)).c_str(),
-                 bytesText(rate).c_str(), left.c_str());
+                 bytesText(rate).c_str(), left.c_str(), m_complete ? "; waiting for the device" : "");
     std::fflush(stderr);
+    g_statusLineOpen = true;
 }
 
 void Progress::finish()
 {
-    if (!m_active) return;
-    if (m_shown) std::fputc('\n', stderr);
     m_active = false;
+    if (!g_statusLineOpen) return;
+    // The last progress stays on its own line; a lone "preparing" is wiped.
+    std::fputs(m_shown ? "\n" : "\r\x1b[K", stderr);
+    std::fflush(stderr);
+    g_statusLineOpen = false;
 }
 
 void showPreparing(std::string const& label, std::uint64_t bytes)
 {
     if (label.empty() || !stderrIsTerminal()) return;
-    std::fprintf(stderr, "\r\x1b[K%s: preparing %s", label.c_str(), bytesText(static_cast<double>(bytes)).c_str());
+    if (bytes > 0)
+        std::fprintf(stderr, "\r\x1b[K%s: preparing %s", label.c_str(), bytesText(static_cast<double>(bytes)).c_str());
+    else
+        std::fprintf(stderr, "\r\x1b[K%s: preparing", label.c_str());
     std::fflush(stderr);
+    g_statusLineOpen = true;
 }

@@ -61,10 +61,12 @@ private:
     std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point m_lastShown{};
     bool m_shown = false;
+    bool m_complete = false;
 };
 
 // One line on a terminal's standard error while a long preparation runs (reading and
-// encoding a large file); nothing when stderr is not a terminal.
+// encoding a large file; bytes 0: not yet known); nothing when stderr is not a terminal. The
+// next progress line replaces it, Progress::finish wipes it.
 void showPreparing(std::string const& label, std::uint64_t bytes);
 
 #endif

@@ -3,7 +3,10 @@
 #include "commands.h"
 #include "endpoint.h"
 #include "file_input.h"
+#include "image_request.h"
 #include "mime_types.h"
+#include "output.h"
+#include "station.h"
 #include "tool_error.h"
 
 namespace
@@ -33,28 +36,30 @@ int cmdImagePush(CtlContext& ctx, std::string const& file, std::string const& id
     const unsigned long long id = imageId(idText);
     const std::string mime = mimeTypeFor(file, mimeGiven);
     const std::string label = "image " + std::to_string(id);
-    tBlob content = readFileBytes(file);
-    showPreparing(label, content.size());
-    nk_messageImage request(nk_message::VERSION_3);
-    request.add(id, tString(baseName(file)), tString(mime), &content);
-    const tString checksum = request.get(0)->checksum();
+    showPreparing(label, 0);
+    ImageRequest image = imageRequestFromFile(file, id, baseName(file), mime, Station::kMaxRequestBytes - 256);
+    const std::uint64_t bytes = image.contentBytes;
+    const tString checksum = image.checksum;
+    Station::Outgoing request;
+    request.bytes = std::move(image.bytes);
+    request.what = "IMAGE";
+    request.progressLabel = label;
+    request.shownBytes = bytes;
     // IMAGE has no response message; the device answers with its state, which lists the
     // images it now holds.
-    return requestEach(
-        ctx, request, nk_message::STATE_RSP,
-        [&](nk_message& answer, tJson& out, Verdict& verdict) {
-            const bool held = static_cast<nk_messageStateRsp&>(answer).imageUidPresent(id);
-            out = imageSummary(id);
-            out.addString("mime", tString(mime));
-            out.addUInt("bytes", content.size());
-            out.addString("cs", checksum);
-            out.addBool("present", held);
-            if (held)
-                verdict.headline = label + " (" + std::to_string(content.size()) + " bytes) stored";
-            else
-                verdict.error = label + " was not stored by the device (see its events)";
-        },
-        label);
+    return requestEach(ctx, std::move(request), nk_message::STATE_RSP,
+                       [&](nk_message& answer, tJson& out, Verdict& verdict) {
+                           const bool held = static_cast<nk_messageStateRsp&>(answer).imageUidPresent(id);
+                           out = imageSummary(id);
+                           out.addString("mime", tString(mime));
+                           out.addUInt("bytes", bytes);
+                           out.addString("cs", checksum);
+                           out.addBool("present", held);
+                           if (held)
+                               verdict.headline = label + " (" + std::to_string(bytes) + " bytes) stored";
+                           else
+                               verdict.error = label + " was not stored by the device (see its events)";
+                       });
 }
 
 int cmdImageRemove(CtlContext& ctx, std::string const& idText)

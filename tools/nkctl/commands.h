@@ -35,6 +35,8 @@ struct Verdict
 using DescribeReply = std::function<void(nk_message& answer, tJson& out, Verdict& verdict)>;
 int requestEach(CtlContext& ctx, nk_message& request, nk_message::teType expected, DescribeReply describe,
                 std::string const& progressLabel = std::string());
+// The same for a request already written (Station::outgoing or built by the command).
+int requestEach(CtlContext& ctx, Station::Outgoing request, nk_message::teType expected, DescribeReply describe);
 
 // Prints one device's failure in the stream and on standard error; gives its exit status.
 int reportDeviceFailure(CtlContext& ctx, std::string const& device, std::string const& error, ExitCode code);

@@ -44,9 +44,14 @@ int reportDeviceFailure(CtlContext& ctx, std::string const& device, std::string 
 int requestEach(CtlContext& ctx, nk_message& request, nk_message::teType expected, DescribeReply describe,
                 std::string const& progressLabel)
 {
+    return requestEach(ctx, Station::outgoing(request, progressLabel), expected, std::move(describe));
+}
+
+int requestEach(CtlContext& ctx, Station::Outgoing request, nk_message::teType expected, DescribeReply describe)
+{
     Station station(ctx.station);
     station.connect();
-    std::vector<Station::Reply> replies = station.request(request, progressLabel);
+    std::vector<Station::Reply> replies = station.request(std::move(request));
     const bool several = replies.size() > 1;
     int status = EXIT_OK;
     for (Station::Reply& reply : replies) {

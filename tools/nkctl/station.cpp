@@ -200,61 +200,104 @@ void Station::abandon()
     for (Target& target : m_targets) target.connection = nullptr;
 }
 
-std::vector<Station::Reply> Station::request(nk_message& msg, std::string const& progressLabel)
+Station::Outgoing Station::outgoing(nk_message& msg, std::string const& progressLabel)
 {
     nk_serializer bytes;
     if (!msg.serializeMsg(&bytes))
         throw ToolError("the " + std::string(msg.typeName().c_str()) + " message could not be written", EXIT_FAILURE_OTHER);
-    showPreparing(progressLabel, bytes.size());
+    Outgoing outgoing;
+    outgoing.shownBytes = bytes.size();
+    outgoing.bytes = std::move(bytes);
+    outgoing.what = msg.typeName().str();
+    outgoing.progressLabel = progressLabel;
+    return outgoing;
+}
 
+std::vector<Station::Reply> Station::request(nk_message& msg, std::string const& progressLabel)
+{
+    return request(outgoing(msg, progressLabel));
+}
+
+std::vector<Station::Reply> Station::request(Outgoing outgoing)
+{
     std::vector<Reply> replies(m_targets.size());
     std::vector<Pending> pendings(m_targets.size());
-    std::uint64_t startWritten = 0;
-    for (auto const& connection : m_connections)
-        if (connection->binding) startWritten += connection->binding->link().bytesWritten();
-    std::vector<std::uint64_t> refusedBefore;
-    for (auto const& connection : m_connections)
-        refusedBefore.push_back(connection->binding ? connection->binding->refusedBytes() : 0);
-
+    const std::uint64_t requestBytes = outgoing.bytes.size();
     for (std::size_t i = 0; i < m_targets.size(); ++i) {
-        Target& target = m_targets[i];
-        replies[i].target = target.location.name();
-        pendings[i].target = &target;
+        replies[i].target = m_targets[i].location.name();
+        pendings[i].target = &m_targets[i];
         pendings[i].reply = &replies[i];
-        Connection* connection = target.connection;
+    }
+    if (requestBytes > kMaxRequestBytes) {
+        // A local limit, known before anything is sent: said at once, not left to time out.
+        for (Reply& reply : replies) {
+            reply.error = "the " + outgoing.what + " request (" + std::to_string(requestBytes) +
+                          " bytes) is larger than one request may be (" + std::to_string(kMaxRequestBytes) +
+                          " bytes, the local send limit of " + std::to_string(Link::kMaxQueuedBytes >> 20) +
+                          " MiB on the link); nothing was sent to " + reply.target;
+            reply.code = EXIT_LOCAL_LIMIT;
+        }
+        return replies;
+    }
+
+    std::vector<std::size_t> sendTo;
+    for (std::size_t i = 0; i < m_targets.size(); ++i) {
+        Connection* connection = m_targets[i].connection;
         if (!connection || !connection->open()) {
             replies[i].error = connection ? connection->failure() : "not connected";
             replies[i].code = connection && !connection->binding ? connection->failureCode : EXIT_FAILURE_OTHER;
             pendings[i].done = true;
             continue;
         }
-        tBlob content(bytes);
-        connection->engine->enqueue_TS(&content, target.location.address, &Station::onResponse, kEngineTimeout_s,
-                                       &pendings[i]);
+        sendTo.push_back(i);
     }
-    std::uint64_t total = 0;
-    for (std::size_t c = 0; c < m_connections.size(); ++c) {
-        Connection& connection = *m_connections[c];
-        if (!connection.binding) continue;
-        connection.binding->poll();
-        connection.lastTraffic = connection.traffic();
-        connection.lastProgress = Clock::now();
-        total += connection.binding->link().unsentBytes();
-    }
-    Progress progress(progressLabel, progressLabel.empty() || total < (256u << 10) ? 0 : total);
+    std::vector<std::uint64_t> refusedBefore;
+    for (auto const& connection : m_connections)
+        refusedBefore.push_back(connection->binding ? connection->binding->refusedBytes() : 0);
+
+    // The progress counts the size the user knows (the file) for every device it goes to;
+    // each telegram written is one request's share.
+    const std::uint64_t shownTotal = outgoing.shownBytes * sendTo.size();
+    Progress progress(outgoing.progressLabel,
+                      outgoing.progressLabel.empty() || outgoing.shownBytes < (256u << 10) ? 0 : shownTotal);
+    std::uint64_t shownDone = 0;
+    // Building the telegrams (the compression choice, the frames) precedes the first byte.
+    showPreparing(outgoing.progressLabel, outgoing.shownBytes);
     const auto quiet = std::chrono::seconds(m_options.timeout_s);
+    for (auto const& connection : m_connections) {
+        if (!connection->binding) continue;
+        connection->binding->link().writeDirectly(quiet, [&](std::size_t written, std::size_t length) {
+            const std::uint64_t share = length == 0 ? 0 : outgoing.shownBytes * written / length;
+            progress.update(std::min(shownTotal, shownDone + share));
+            if (written == length) shownDone += outgoing.shownBytes;
+        });
+    }
+
+    // One device after the other: the engine builds its frames, the link writes them, and
+    // only then is the next device's copy made; the last device takes the bytes themselves.
+    for (std::size_t k = 0; k < sendTo.size(); ++k) {
+        const std::size_t i = sendTo[k];
+        Connection& connection = *m_targets[i].connection;
+        tBlob content = k + 1 == sendTo.size() ? std::move(outgoing.bytes) : tBlob(outgoing.bytes);
+        connection.engine->enqueue_TS(&content, m_targets[i].location.address, &Station::onResponse, kEngineTimeout_s,
+                                      &pendings[i]);
+        connection.binding->poll();
+    }
+    // The quiet time of every device starts when all were written to, not while another
+    // device's bytes were being written.
+    for (auto const& connection : m_connections) {
+        connection->lastTraffic = connection->traffic();
+        connection->lastProgress = Clock::now();
+    }
 
     for (;;) {
         const auto now = Clock::now();
         bool allDone = true;
-        std::uint64_t written = 0;
-        for (std::size_t c = 0; c < m_connections.size(); ++c) {
-            Connection& connection = *m_connections[c];
-            if (!connection.binding) continue;
-            written += connection.binding->link().bytesWritten();
-            if (connection.traffic() != connection.lastTraffic) {
-                connection.lastTraffic = connection.traffic();
-                connection.lastProgress = now;
+        for (auto const& connection : m_connections) {
+            if (!connection->binding) continue;
+            if (connection->traffic() != connection->lastTraffic) {
+                connection->lastTraffic = connection->traffic();
+                connection->lastProgress = now;
             }
         }
         for (std::size_t i = 0; i < m_targets.size(); ++i) {
@@ -264,19 +307,20 @@ std::vector<Station::Reply> Station::request(nk_message& msg, std::string const&
                 std::find_if(m_connections.begin(), m_connections.end(),
                              [&connection](std::unique_ptr<Connection> const& x) { return x.get() == &connection; }) -
                 m_connections.begin());
+            const bool linkTimedOut = connection.binding->link().timedOut();
             if (connection.binding->refusedBytes() > refusedBefore[c]) {
-                replies[i].error = "the request (" + std::to_string(bytes.size()) +
+                replies[i].error = "the " + outgoing.what + " request (" + std::to_string(requestBytes) +
                                    " bytes) exceeds the local send queue of " +
                                    std::to_string(Link::kMaxQueuedBytes >> 20) + " MiB; nothing more was sent to " +
                                    m_targets[i].location.name();
                 replies[i].code = EXIT_LOCAL_LIMIT;
-            } else if (!connection.open()) {
+            } else if (!connection.open() && !linkTimedOut) {
                 replies[i].error = connection.failure();
                 replies[i].code = EXIT_FAILURE_OTHER;
-            } else if (now - connection.lastProgress > quiet) {
+            } else if (linkTimedOut || now - connection.lastProgress > quiet) {
                 replies[i].error = "time-out: device " + std::to_string(m_targets[i].location.address) + " at " +
-                                   m_targets[i].location.link + " did not answer within " +
-                                   std::to_string(m_options.timeout_s) + " s of the last byte moved";
+                                   m_targets[i].location.link + (linkTimedOut ? " took no byte of the request" : " did not answer") +
+                                   " within " + std::to_string(m_options.timeout_s) + " s of the last byte moved";
                 replies[i].code = EXIT_TIMEOUT;
             } else {
                 allDone = false;
@@ -285,11 +329,12 @@ std::vector<Station::Reply> Station::request(nk_message& msg, std::string const&
             pendings[i].done = true;
             pendings[i].givenUp = true;
         }
-        progress.update(written - startWritten);
         if (allDone) break;
         m_io.run_one_for(std::chrono::milliseconds(100));
     }
     progress.finish();
+    for (auto const& connection : m_connections)
+        if (connection->binding) connection->binding->link().writeDirectly(quiet, nullptr);
     // A request given up by the station may still be queued in an engine.
     if (std::any_of(pendings.begin(), pendings.end(), [](Pending const& p) { return p.givenUp; })) abandon();
     return replies;

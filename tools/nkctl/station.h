@@ -1,6 +1,7 @@
 #ifndef NK_TOOLS_STATION_H
 #define NK_TOOLS_STATION_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,11 +66,28 @@ public:
     // Opens every link. A device that cannot be reached fails alone: its replies carry the
     // cause and its exit status.
     void connect();
+    // A request ready to send: the message's bytes (header and body) and what a long
+    // transfer shows on a terminal.
+    struct Outgoing
+    {
+        tBlob bytes;
+        std::string what;              // the message's type name, for errors
+        std::string progressLabel;     // empty: no progress shown
+        std::uint64_t shownBytes = 0;  // the size the user knows (a file's), counted in the progress
+    };
+    // The most bytes one request may hold: the link's limit on unsent bytes, of which frames
+    // carry seven bits per byte. A device refuses more, so more is not sent at all.
+    static const std::uint64_t kMaxRequestBytes = Link::kMaxQueuedBytes / 8 * 7;
+
     // Sends msg to every device and waits for all answers. A device times out when its link
     // has made no progress (no byte written or read) for the time-out, so a long transfer
     // lasts as long as its bytes keep moving. A long transfer shows its progress on a
-    // terminal under progressLabel.
+    // terminal under progressLabel. The bytes are written to each link directly, one device
+    // after the other, and never copied into an output queue.
     std::vector<Reply> request(nk_message& msg, std::string const& progressLabel = std::string());
+    std::vector<Reply> request(Outgoing outgoing);
+    // The bytes of msg as a request; throws ToolError when it cannot be written.
+    static Outgoing outgoing(nk_message& msg, std::string const& progressLabel = std::string());
     std::size_t targetCount() const { return m_targets.size(); }
 
 private:

@@ -7,6 +7,7 @@ import argparse
 import fcntl
 import json
 import os
+import re
 import shutil
 import socket
 import subprocess
@@ -332,6 +333,88 @@ def serial_part(work):
     check(stop(device) == 0, "serial device stops cleanly")
 
 
+def on_terminal(cmd, seconds=60):
+    """Runs cmd with standard error on a pseudo-terminal; gives (exit status, stdout, the
+    terminal's text)."""
+    master, slave = os.openpty()
+    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=slave, text=True)
+    os.close(slave)
+    screen = b""
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        try:
+            chunk = os.read(master, 65536)
+        except OSError:  # the last writer closed the terminal
+            break
+        if not chunk:
+            break
+        screen += chunk
+    os.close(master)
+    try:
+        status = proc.wait(max(1, deadline - time.monotonic()))
+    except subprocess.TimeoutExpired:
+        proc.kill()
+        status = None
+    return status, proc.stdout.read(), screen.decode(errors="replace")
+
+
+def transfer_part(work):
+    """What a user sees of a long transfer: progress in file bytes, a local limit, a device
+    that stops taking bytes."""
+    data = work + "/transfer-data"
+    device, hello = start_device(data, "--listen", "127.0.0.1:0")
+    link = ["--device", hello["address"]]
+    image = work + "/three.png"
+    with open(image, "wb") as f:
+        f.write(os.urandom(3 << 20))
+
+    # On a terminal: "preparing" first, then lines counting the file's bytes, each with a
+    # rate and the time left, ending at 100 % of the file.
+    status, out, screen = on_terminal([ARGS.nkctl, "--json", *link, "image", "push", image, "--id", "77"])
+    steps = [step.replace("\x1b[K", "").strip() for step in re.split(r"[\r\n]", screen)]
+    steps = [step for step in steps if step]
+    progress = [re.fullmatch(r"image 77: +(\d+)% ([\d.]+ (?:bytes|KiB|MiB)) of 3\.0 MiB, [\d.]+ (?:bytes|KiB|MiB)/s, "
+                             r"(?:\d+ s|--) left(; waiting for the device)?", step) for step in steps]
+    check(status == 0 and '"present":true' in out, "pushed with a terminal on standard error (exit %r)" % status)
+    check(steps and steps[0].startswith("image 77: preparing"), "the preparation is shown first (%r)" % steps[:1])
+    preparing = len([step for step in steps if step.startswith("image 77: preparing")])
+    shown = [match for match in progress if match]
+    check(shown and preparing + len(shown) == len(steps) and all(progress[preparing:]),
+          "after the preparation, every line is progress in file bytes (%r)" % steps)
+    check(shown and shown[-1].group(1) == "100" and shown[-1].group(2) == "3.0 MiB",
+          "the last line counts the whole file (%r)" % steps[-1:])
+    status, _, err = ctl(link, "image", "push", image, "--id", "78")
+    check(status == 0 and err == "", "no progress text when standard error is not a terminal (%r)" % err[:80])
+
+    # Larger than one request may be: refused at once, before reading, with exit 8; the
+    # device is not blamed and gets nothing.
+    huge = work + "/huge.png"
+    with open(huge, "wb") as f:
+        f.truncate(300 << 20)  # sparse: no disk, no time
+    status, out, err = ctl(link, "--timeout", "60", "image", "push", huge, "--id", "79", seconds=30)
+    lines = err.strip().splitlines()
+    check(status == 8 and len(lines) == 1 and "local limit" in lines[0] and "nothing was sent" in lines[0]
+          and "time-out" not in err, "a request above the local limit: one line, exit 8 (%r, exit %r)" % (err, status))
+    status, out, _ = ctl(link, "state")
+    check(status == 0 and out and 79 not in [i["uid"] for i in out[0].get("images", [])], "the device got nothing")
+    device.terminate()
+    stop(device)
+
+    # A peer that takes the connection but never reads: a time-out once the link has taken
+    # no byte for --timeout seconds, not a hang and not a memory spike.
+    big = work + "/sixteen.png"
+    with open(big, "wb") as f:
+        f.write(os.urandom(16 << 20))
+    with socket.socket() as deaf:
+        deaf.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        deaf.bind(("127.0.0.1", 0))
+        deaf.listen(1)
+        address = "127.0.0.1:%d" % deaf.getsockname()[1]
+        status, _, err = ctl(["--device", address, "--timeout", "1"], "image", "push", big, "--id", "80", seconds=60)
+        check(status == 5 and "took no byte" in err and len(err.strip().splitlines()) == 1,
+              "a device that stops reading: one line, exit 5 (%r, exit %r)" % (err.strip(), status))
+
+
 def wrap_in_emulator(work):
     """Points the program arguments at scripts that start each program under the emulator."""
     for name in ("nkdevice", "nkctl", "pty_pair"):
@@ -356,6 +439,7 @@ def main():
         tcp_part(work)
         bad_input_part(work)
         codec_part(work)
+        transfer_part(work)
         serial_part(work)
     except Exception as error:  # a broken step must still end with the children killed
         check(False, "unexpected error: %r" % error)
