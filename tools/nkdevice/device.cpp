@@ -189,6 +189,8 @@ std::unique_ptr<DeviceJob> Device::begin(unsigned int source, tBlob* content, st
 {
     ++m_counters.requests;
     m_countersChanged = true;
+    if (content->size() >= 4 && (content->getBuffer()[0] | (content->getBuffer()[1] << 8)) == nk_message::IMAGE)
+        return beginImage(source, content, peer);
     ReadRequest read = readRequest(*content);
     content->clear();
     if (!read.message) {
@@ -203,13 +205,31 @@ std::unique_ptr<DeviceJob> Device::begin(unsigned int source, tBlob* content, st
     if (read.message->type() == nk_message::SET_SCHEDULES_REQ)
         return schedulesJob(std::unique_ptr<nk_messageSetSchedulesReq>(
             static_cast<nk_messageSetSchedulesReq*>(read.message.release())));
-    if (read.message->type() == nk_message::IMAGE)
-        return imageJob(std::unique_ptr<nk_messageImage>(static_cast<nk_messageImage*>(read.message.release())));
     Reply reply = dispatch(*read.message);
     if (!reply) return nullptr;
     nk_serializer bytes;
     if (reply->serializeMsg(&bytes)) content->append(bytes);
     return nullptr;
+}
+
+std::unique_ptr<DeviceJob> Device::beginImage(unsigned int source, tBlob* content, std::string const& peer)
+{
+    // Read in place: the contents stay where they arrived until they are stored.
+    std::unique_ptr<ImageRequestView> image(new ImageRequestView);
+    std::string refusal;
+    const bool whole = readImageRequest(*content, newestLayout(nk_message::IMAGE), *image, refusal);
+    const unsigned int version = image->version;
+    if (!whole) {
+        recordEvent(EVENT_ERROR, CATEGORY_ERROR,
+                    tString::format("request refused (type %u, version %u) from %u at %s: %s",
+                                    static_cast<unsigned int>(nk_message::IMAGE), version, source, peer.c_str(),
+                                    refusal.c_str()));
+        return nullptr;
+    }
+    recordEvent(EVENT_REQUEST, CATEGORY_INFO,
+                tString::format("%s (version %u) from %u at %s", nk_message::typeName(nk_message::IMAGE).c_str(),
+                                version, source, peer.c_str()));
+    return imageJob(std::move(image));
 }
 
 void Device::handle(unsigned int source, tBlob* content, std::string const& peer)

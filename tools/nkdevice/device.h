@@ -106,6 +106,7 @@ public:
     bool shutdownRequested() const { return m_shutdownRequested; }
 
 private:
+    std::unique_ptr<DeviceJob> beginImage(unsigned int source, tBlob* content, std::string const& peer);
     std::unique_ptr<nk_message> dispatch(nk_message& request);
     void loadConfig();
     void loadSchedules();

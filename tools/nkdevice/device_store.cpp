@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "SHA1.h"
 #include "tFile.h"
 #include "tool_error.h"
 
@@ -133,4 +134,60 @@ unsigned int DeviceStore::removeImage(unsigned long long id)
 void DeviceStore::syncImagesDirectory() const
 {
     syncDirectory(imagesDirectory());
+}
+
+std::string DeviceStore::saveImage(std::string const& name, unsigned long long id, unsigned char const* content,
+                                   std::size_t length, tString const& checksum, std::string& error)
+{
+    const std::string target = imagesDirectory() + "/" + name;
+    const std::string temporary = target + "~";
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error = "could not be stored: " + std::string(std::strerror(errno));
+        return std::string();
+    }
+    SHA1 sha;
+    const std::size_t kPiece = 1u << 20;
+    bool written = true;
+    for (std::size_t done = 0; written && done < length;) {
+        const std::size_t piece = std::min(kPiece, length - done);
+        sha.Input(content + done, static_cast<unsigned int>(piece));
+        for (std::size_t at = 0; at < piece;) {
+            const ssize_t n = ::write(fd, content + done + at, piece - at);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) {
+                error = "could not be stored: " + std::string(n < 0 ? std::strerror(errno) : "nothing written");
+                written = false;
+                break;
+            }
+            at += static_cast<std::size_t>(n);
+        }
+        done += piece;
+    }
+    if (written && sha.Result() != checksum) {
+        error = "refused: content does not match its checksum";
+        written = false;
+    }
+    if (written && ::fsync(fd) != 0) {
+        error = "could not be stored: " + std::string(std::strerror(errno));
+        written = false;
+    }
+    ::close(fd);
+    if (!written) {
+        ::unlink(temporary.c_str());
+        return std::string();
+    }
+    // One file per id: a new type of content replaces the old file of another extension.
+    for (std::string const& existing : listDirectory(imagesDirectory())) {
+        unsigned long long found = 0;
+        if (existing != name && parseImageFileName(existing, found) && found == id)
+            ::unlink((imagesDirectory() + "/" + existing).c_str());
+    }
+    if (::rename(temporary.c_str(), target.c_str()) != 0) {
+        error = "could not be stored: " + std::string(std::strerror(errno));
+        ::unlink(temporary.c_str());
+        return std::string();
+    }
+    syncImagesDirectory();
+    return target;
 }

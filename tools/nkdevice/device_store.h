@@ -1,6 +1,7 @@
 #ifndef NK_TOOLS_DEVICE_STORE_H
 #define NK_TOOLS_DEVICE_STORE_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,13 @@ public:
     unsigned int removeImage(unsigned long long id);
     // Makes a rename inside images/ durable.
     void syncImagesDirectory() const;
+
+    // Stores content as images/name when its SHA-1 text is checksum: written to name~ while
+    // it is hashed (each piece hashed and written while it is in the cache), made durable,
+    // and renamed only when it matches; an older file of the same id in another type is
+    // removed then. The stored path, or empty with the reason in error (nothing changed).
+    std::string saveImage(std::string const& name, unsigned long long id, unsigned char const* content,
+                          std::size_t length, tString const& checksum, std::string& error);
 
 private:
     std::string m_dir;

@@ -4,34 +4,29 @@
 
 namespace
 {
-tString contentChecksum(tBlob& content)
-{
-    SHA1 sha;
-    sha.Input(content.getBuffer(), content.size());
-    return sha.Result();
-}
-
 // Checking each file's content against its checksum and saving it (with fsync) take time
 // in proportion to the content; work() does both away from the links and keeps the events
-// to record for finish().
+// to record for finish(). The contents are read where they arrived (see ImageRequestView).
 class ImageJob : public DeviceJob
 {
 public:
-    explicit ImageJob(std::unique_ptr<nk_messageImage> request) : m_request(std::move(request)) {}
+    explicit ImageJob(std::unique_ptr<ImageRequestView> request) : m_request(std::move(request)) {}
 
     void start(Device& device) override { m_store = &device.store(); }
 
     void work() override
     {
-        for (unsigned int i = 0; nk_msgFile* file = m_request->get(i); ++i) {
-            const tString uid = tString::fromUInt64(file->id());
+        for (ImageRequestView::File const& file : m_request->files) {
+            const tString uid = tString::fromUInt64(file.id);
             if (m_request->taskRemove != 0) {
-                if (m_store->removeImage(file->id()) == 0)
+                if (m_store->removeImage(file.id) == 0)
                     note(Device::CATEGORY_NOTICE, "image " + uid + " to remove is not held");
             } else {
-                store(*file, uid);
+                store(file, uid);
             }
         }
+        // The received bytes are not needed for the answer.
+        m_request.reset();
     }
 
     void finish(Device& device, tBlob& answer) override
@@ -56,38 +51,33 @@ private:
 
     void note(Device::EventCategory category, tString const& text) { m_notes.push_back(Note{category, text}); }
 
-    void store(nk_msgFile& file, tString const& uid)
+    void store(ImageRequestView::File const& file, tString const& uid)
     {
-        if (file.mimeType() > nk_msgFile::MIME_XML) {
+        if (file.mimeType > nk_msgFile::MIME_XML) {
             note(Device::CATEGORY_ERROR, tString::format("image %s refused: unsupported mime type %u", uid.c_str(),
-                                                         static_cast<unsigned int>(file.mimeType())));
+                                                         static_cast<unsigned int>(file.mimeType)));
             return;
         }
-        if (contentChecksum(file.content()) != file.checksum()) {
-            note(Device::CATEGORY_ERROR, "image " + uid + " refused: content does not match its checksum");
-            return;
-        }
-        // One file per id: a new type of content replaces the old file of another extension.
-        m_store->removeImage(file.id());
         // The stored name comes from the id and mime type only; the name the sender gave is
         // never used as a path.
-        const tString path = file.saveToDir(tString(m_store->imagesDirectory()), true);
-        if (path.isEmpty()) {
-            note(Device::CATEGORY_ERROR, "image " + uid + " could not be stored");
+        const tString name =
+            nk_msgFile::imageNameByMimeType_e(file.id, static_cast<nk_msgFile::teMimeType>(file.mimeType));
+        std::string error;
+        if (m_store->saveImage(name.str(), file.id, m_request->content(file), file.length, file.checksum, error).empty()) {
+            note(Device::CATEGORY_ERROR, "image " + uid + " " + tString(error));
             return;
         }
-        m_store->syncImagesDirectory();
         ++m_stored;
     }
 
-    std::unique_ptr<nk_messageImage> m_request;
+    std::unique_ptr<ImageRequestView> m_request;
     DeviceStore* m_store = nullptr;
     std::vector<Note> m_notes;
     unsigned int m_stored = 0;
 };
 }
 
-std::unique_ptr<DeviceJob> imageJob(std::unique_ptr<nk_messageImage> request)
+std::unique_ptr<DeviceJob> imageJob(std::unique_ptr<ImageRequestView> request)
 {
     return std::unique_ptr<DeviceJob>(new ImageJob(std::move(request)));
 }
