@@ -16,7 +16,7 @@ enum ExitCode : int
     EXIT_TIMEOUT = 5,          // the device did not answer in time
     EXIT_MISMATCH = 6,         // the device confirmed another checksum than the one sent
     EXIT_REFUSED = 7,          // the device refused the request or did not do what was asked
-    EXIT_LOCAL_LIMIT = 8,      // a local limit (the send queue) stopped the request before the link
+    EXIT_LOCAL_LIMIT = 8,      // a local limit (the size of one request) stopped it before anything was sent
 };
 
 // The text listed under --help.
