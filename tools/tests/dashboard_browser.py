@@ -63,7 +63,7 @@ def browser():
     options.binary_location = ARGS.chromium
     profile = os.path.join(ARGS.build_dir, "chromium-profile")
     shutil.rmtree(profile, ignore_errors=True)
-    for flag in ["--headless=new", "--user-data-dir=" + profile, "--window-size=1280,1000",
+    for flag in ["--headless=new", "--user-data-dir=" + profile, "--window-size=1280,2400",
                  "--disable-dev-shm-usage", "--disable-gpu", "--no-first-run"]:
         options.add_argument(flag)
     if os.geteuid() == 0:
@@ -244,6 +244,28 @@ def check_desired(page, config):
                api("/api/devices/%d" % FIRST)[1]["desired"].get("csSched"))
     check(api("/api/groups/default/desired")[1]["config"] == good, "saving the schedule set kept the configuration")
 
+    # An image the schedule shows, uploaded through the page under uid 42.
+    d.find_element("id", "image-file").send_keys(os.path.join(ARGS.examples, "image.png"))
+    d.find_element("id", "image-uid").send_keys("42")
+    d.find_element("id", "image-add").click()
+    page.until("the uploaded image is in the group's set, its thumbnail drawn, and the panels hold it",
+               lambda d: "Saved" in d.find_element("id", "image-result").text and
+               page.js("const i = document.querySelector('#image-set li[data-uid=\"42\"] img');"
+                       "return !!i && i.complete && i.naturalWidth > 0;") and settled(d) == STEADY and
+               any(i["id"] == 42 for i in api("/api/devices/%d" % FIRST)[1]["reported"]["images"]))
+    _, desired = api("/api/groups/default/desired")
+    check(desired["config"] == good and desired["schedules"] is not None and
+          [i["uid"] for i in desired["images"]] == [42], "the image set holds uid 42 beside the kept configuration")
+    not_png = os.path.join(ARGS.work, "not-a-picture.png")
+    open(not_png, "w").write("this is text, not a PNG")
+    d.find_element("id", "image-file").send_keys(not_png)
+    d.find_element("id", "image-uid").clear()
+    d.find_element("id", "image-uid").send_keys("43")
+    d.find_element("id", "image-add").click()
+    page.until("a file that is not what its type says is refused on the page",
+               lambda d: d.find_elements("css selector", "#image-result .refusal"))
+    check(api("/api/groups/default/desired")[1]["images"] == desired["images"], "the refused image changed no set")
+
     # Keyboard: every control has a label, tabbing reaches the save button, focus is visible.
     unlabelled = page.js("""
         return [...document.querySelectorAll('main input, main select, main textarea')]
@@ -283,10 +305,31 @@ def check_panel(page):
     check(events and all(e["address"] == FIRST for e in events), "the API gives this panel's events alone")
     colours = {"rgb(255, 102, 0)": 0, "rgb(255, 255, 102)": 1}
     check(all(colours.get(colour, 99) == int(text.split("(")[1].rstrip(")")) for text, colour in labels
-              if colour in colours), "categories 0 and 1 have their own colours")
+              if colour in colours), "the listed events of categories 0 and 1 have their own colours")
+    # The simulated panels log few faults, so the badges of every category are drawn here too.
+    badges = d.execute_async_script("""
+        const done = arguments[arguments.length - 1];
+        import('/format.js').then((m) => done([0, 1, 2, 7].map((c) => {
+            const b = m.categoryBadge(c);
+            document.body.append(b);
+            const out = [b.textContent, getComputedStyle(b).backgroundColor, getComputedStyle(b).color];
+            b.remove();
+            return out;
+        })));""")
+    check([b[0] for b in badges] == ["error (0)", "notice (1)", "info (2)", "category 7 (7)"] and
+          badges[0][1] == "rgb(255, 102, 0)" and badges[1][1] == "rgb(255, 255, 102)" and
+          badges[2][1] not in colours and all(b[2] == "rgb(0, 0, 0)" for b in badges),
+          "category badges: #FF6600 and #FFFF66 for 0 and 1, black text, a written label on each: %s" % badges)
+    page.until("the week's first day shows today's schedule",
+               lambda d: len(d.find_elements("css selector", ".timeline .week .track .slot")) > 0 and
+               d.find_element("css selector", ".timeline .week .track").size["height"] > 0)
     page.until("statistics charts are drawn with the station's chart library",
                lambda d: page.js("const c = document.getElementById('chart-updates');"
                                  "return !!c && c.width > 0 && !!window.getComputedStyle(c);"))
+    page.until("the panel page shows the thumbnail of the image it holds",
+               lambda d: page.js("const i = document.querySelector('#thumbnails li[data-uid=\"42\"] img');"
+                                 "return !!i && i.complete && i.naturalWidth > 0;") and
+               "42: held, wanted" in d.find_element("id", "thumbnails").text)
     page.until("today's timeline shows the schedule's entries",
                lambda d: len(d.find_elements("css selector", ".timeline .track .slot.image-0")) > 0 and
                "daytime" in d.find_element("css selector", ".timeline").text)
@@ -357,9 +400,10 @@ def main():
         check_desired(page, config)
         check_panel(page)
         check_phone(page)
-        # The refused upload's 400 is the answer the test asked for; anything else is a fault.
+        # The refused uploads' 400s are the answers the test asked for; anything else is a fault.
         logs = [entry for entry in driver.get_log("browser") if entry.get("level") == "SEVERE" and
-                not ("/api/validate" in entry.get("message", "") and "400" in entry.get("message", ""))]
+                not (("/api/validate " in entry.get("message", "") or "name=not-a-picture.png " in
+                      entry.get("message", "")) and "status of 400" in entry.get("message", ""))]
         check(not logs, "the browser logged no errors: %s" % logs[:3])
     finally:
         driver.quit()

@@ -19,6 +19,11 @@ export async function showDesired(main, params) {
   const text = el("textarea", { id: "upload-text", rows: 12, spellcheck: "false",
     "aria-describedby": "upload-help" });
   const result = el("div", { id: "upload-result", "aria-live": "polite" });
+  const imageFile = el("input", { id: "image-file", type: "file", accept: "image/png,image/jpeg,application/pdf,.7z,.xml" });
+  const imageUid = el("input", { id: "image-uid", inputmode: "numeric", pattern: "[0-9]+", autocomplete: "off",
+    "aria-describedby": "image-help" });
+  const imageResult = el("div", { id: "image-result", "aria-live": "polite" });
+  const imageList = el("ul", { id: "image-set", class: "thumbnails" });
   const nameInput = el("input", { id: "desired-name", autocomplete: "off", maxlength: 255 });
   const nameResult = el("div", { id: "name-result", "aria-live": "polite" });
   const current = el("pre", { id: "current-desired", class: "json", tabindex: "0" });
@@ -46,6 +51,15 @@ export async function showDesired(main, params) {
           el("button", { type: "button", id: "check", onclick: check }, "Check only"),
           el("button", { type: "submit", id: "save" }, "Check and save"))),
       result),
+    el("section", { "aria-labelledby": "image-heading" },
+      el("h2", { id: "image-heading" }, "Images"),
+      el("form", { id: "image-upload", onsubmit: (e) => { e.preventDefault(); addImage(); } },
+        el("label", { for: "image-file" }, "Image file"), imageFile,
+        el("label", { for: "image-uid" }, "Uid on the panel"), imageUid,
+        el("button", { type: "submit", id: "image-add" }, "Upload and add")),
+      el("p", { id: "image-help", class: "note" },
+        "The uid is the number schedules show the image by. The set is what the panels should hold: others are removed."),
+      imageResult, imageList),
     el("section", { "aria-labelledby": "name-heading" },
       el("h2", { id: "name-heading" }, "Rename"),
       el("form", { id: "rename", onsubmit: (e) => { e.preventDefault(); rename(); } },
@@ -74,6 +88,7 @@ export async function showDesired(main, params) {
       ? JSON.stringify(set, null, 2) + (saved.changed ? "\n\nsaved " + new Date(saved.changed).toLocaleString() : "")
       : "Nothing is set here.";
     nameInput.value = saved.name || "";
+    await drawImageSet();
   }
 
   function showRefusal(box, e) {
@@ -131,6 +146,74 @@ export async function showDesired(main, params) {
     } catch (e) {
       showRefusal(result, e);
     }
+  }
+
+  // Types the station takes, from the file's own type or its name.
+  function typeOf(f) {
+    if (f.type) return f.type;
+    const ext = f.name.toLowerCase().split(".").pop();
+    return { png: "image/png", jpg: "image/jpeg", jpeg: "image/jpeg", pdf: "application/pdf",
+      "7z": "application/x-7z-compressed", xml: "application/xml" }[ext] || "application/octet-stream";
+  }
+
+  // Saves the level's desired state with another image set, checked first like an upload.
+  async function saveImages(images, box, done) {
+    const whole = savedMembers();
+    whole.images = images;
+    try {
+      await sendJson("POST", "/api/validate", whole);
+      await sendJson("PUT", desiredPath(), whole);
+      box.replaceChildren(message("ok", done));
+      await loadSaved();
+      await loadProgress();
+    } catch (e) {
+      showRefusal(box, e);
+    }
+  }
+
+  const setMembers = () => ((saved && saved.images) || []).map((i) => ({ uid: i.uidText, image: i.image }));
+
+  async function addImage() {
+    const uid = imageUid.value.trim();
+    if (!imageFile.files.length || !/^[0-9]+$/.test(uid) || /^0+$/.test(uid)) {
+      imageResult.replaceChildren(message("error", "Choose a file and give a uid, a whole number above 0."));
+      return;
+    }
+    const f = imageFile.files[0];
+    let uploaded;
+    try {
+      const response = await fetch(`/api/images?type=${encodeURIComponent(typeOf(f))}&name=${encodeURIComponent(f.name)}`,
+        { method: "POST", body: f, headers: { "Content-Type": typeOf(f) } });
+      uploaded = await response.json();
+      if (!response.ok) throw new ApiRefusal(response.status, uploaded);
+    } catch (e) {
+      showRefusal(imageResult, e);
+      return;
+    }
+    const images = setMembers().filter((i) => i.uid !== uid).concat([{ uid, image: uploaded.id }]);
+    await saveImages(images, imageResult, `Saved: ${f.name} as image ${uid}; it is being pushed.`);
+  }
+
+  async function removeImage(uid) {
+    await saveImages(setMembers().filter((i) => i.uid !== uid), imageResult, `Saved: image ${uid} leaves the set.`);
+  }
+
+  async function drawImageSet() {
+    const set = (saved && saved.images) || null;
+    if (!set) {
+      imageList.replaceChildren(el("li", { class: "note" }, "No image set here: the panels' images are left alone."));
+      return;
+    }
+    const types = new Map((await getJson("/api/images")).map((i) => [i.id, i]));
+    imageList.replaceChildren(...set.map((i) => {
+      const record = types.get(i.image);
+      return el("li", { "data-uid": i.uidText },
+        record && record.type.startsWith("image/")
+          ? el("img", { src: "/api/images/" + i.image, alt: `image ${i.uidText}: ${record.name || ""}`, width: 120, height: 68 })
+          : el("span", { class: "no-thumbnail" }, record ? record.type : "unknown"),
+        el("span", {}, `${i.uidText}${record && record.name ? ": " + record.name : ""}`),
+        el("button", { type: "button", class: "remove", onclick: () => removeImage(i.uidText) }, `Remove ${i.uidText}`));
+    }));
   }
 
   async function rename() {

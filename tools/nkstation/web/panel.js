@@ -30,7 +30,9 @@ export async function showPanel(main, address) {
     const reported = device.reported || {};
     heading.textContent = (reported.name || "Panel") + " · address " + address;
     const held = (reported.images || []).map((i) => i.idText);
-    const wanted = wantedImages(desired.schedules);
+    const imageSet = device.desired.images || null;
+    const wanted = imageSet ? imageSet.map((i) => i.uidText) : [];
+    const shownBySchedules = wantedImages(desired.schedules);
     const cell = (value) => el("td", {}, value === undefined || value === null || value === "" ? "—" : value);
     const row = (what, have, want) => el("tr", { class: have !== undefined && want !== undefined && want !== "—" &&
         String(have) !== String(want) ? "differs" : "" }, el("th", { scope: "row" }, what), cell(have), cell(want));
@@ -49,11 +51,13 @@ export async function showPanel(main, address) {
           row("name", reported.name, device.desired.name ?? "—"),
           row("configuration checksum", reported.csCfg, device.desired.csCfg ?? "—"),
           row("schedules checksum", reported.csSched, device.desired.csSched ?? "—"),
-          row("images", held.join(", ") || "none", wanted.join(", ") || "—"),
+          row("images", held.join(", ") || "none", imageSet ? wanted.join(", ") || "none" : "—"),
+          row("images the schedules show", undefined, shownBySchedules.join(", ") || "—"),
           row("serial", reported.serial, "—"),
           row("software version", reported.version, "—"),
           row("mobile link", reported.mobile ? `${reported.mobile.link} (${reported.mobile.active ? "up" : "down"})` : undefined, "—"),
-          row("transport", device.transport, "—")))));
+          row("transport", device.transport, "—")))),
+      await drawThumbnails(reported.images || [], imageSet || []));
     timelineBox.replaceChildren(el("h2", { id: "timeline-heading" }, "Schedule timeline"),
       drawTimeline(desired.schedules, desired.config));
     framesBox.replaceChildren(el("h2", { id: "frames-heading" }, "Display configurations and frames"),
@@ -125,6 +129,27 @@ export async function showPanel(main, address) {
     if (change.kind === "device") redrawState();
     if (change.kind === "events") reloadEvents();
   });
+}
+
+// The images held and wanted by uid, with a thumbnail of the content the station keeps for it
+// (pictures only; other types are named).
+async function drawThumbnails(held, wanted) {
+  const byUid = new Map();
+  for (const i of held) byUid.set(i.idText, { uid: i.idText, held: true, content: i.image });
+  for (const i of wanted) {
+    const known = byUid.get(i.uidText) || { uid: i.uidText, held: false };
+    byUid.set(i.uidText, Object.assign(known, { wanted: true, content: i.image }));
+  }
+  if (!byUid.size) return null;
+  const types = new Map((await getJson("/api/images")).map((i) => [i.id, i]));
+  return el("div", {}, el("h3", {}, "Images"), el("ul", { class: "thumbnails", id: "thumbnails" }, [...byUid.values()].map((i) => {
+    const record = i.content && types.get(i.content);
+    const picture = record && record.type.startsWith("image/")
+      ? el("img", { src: "/api/images/" + i.content, alt: `image ${i.uid}: ${record.name || record.type}`, width: 120, height: 68 })
+      : el("span", { class: "no-thumbnail" }, record ? record.type : "not pushed from here");
+    return el("li", { "data-uid": i.uid }, picture,
+      el("span", {}, `${i.uid}: ${i.held ? "held" : "not held"}${i.wanted ? ", wanted" : ""}`));
+  })));
 }
 
 // Ids travel as a 16-bit word whose bit 15 marks the current configuration or logical display.
