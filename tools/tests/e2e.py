@@ -5,6 +5,7 @@ Every child runs under a time limit and is killed when the test ends, whatever h
 """
 import argparse
 import fcntl
+import hashlib
 import json
 import os
 import re
@@ -385,6 +386,18 @@ def transfer_part(work):
           "the last line counts the whole file (%r)" % steps[-1:])
     status, _, err = ctl(link, "image", "push", image, "--id", "78")
     check(status == 0 and err == "", "no progress text when standard error is not a terminal (%r)" % err[:80])
+
+    # Two devices in one call: each gets the whole file (the first a copy of the request,
+    # the last the request itself).
+    second, second_hello = start_device(work + "/transfer-data-2", "--listen", "127.0.0.1:0")
+    status, out, err = ctl(link + ["--device", second_hello["address"]], "image", "push", image, "--id", "81")
+    expected = hashlib.sha1(open(image, "rb").read()).hexdigest()
+    stored = [hashlib.sha1(open(d + "/images/image_id81.png", "rb").read()).hexdigest()
+              for d in (data, work + "/transfer-data-2") if os.path.exists(d + "/images/image_id81.png")]
+    check(status == 0 and len(out) == 2 and all(o["present"] and o["cs"] == expected for o in out)
+          and stored == [expected, expected], "one push to two devices stores the same file on both (%r)" % err)
+    second.terminate()
+    stop(second)
 
     # Larger than one request may be: refused at once, before reading, with exit 8; the
     # device is not blamed and gets nothing.
