@@ -23,8 +23,16 @@ void Link::readMore()
     asyncReadSome(asio::buffer(m_readBuffer), [this, self](std::error_code ec, std::size_t n) {
         if (!m_open) return;
         if (ec) {
-            fail(ec == asio::error::eof ? "closed by peer" : ec.message());
+            fail(ec == asio::error::eof ? "closed by peer" : readFailure(ec));
             return;
+        }
+        if (m_bytesRead == 0 && n > 0) {
+            const std::string refusal = screenFirstBytes(m_readBuffer.data(), n);
+            if (!refusal.empty()) {
+                markRefused();
+                fail(refusal);
+                return;
+            }
         }
         m_bytesRead += n;
         if (m_onReceive && n > 0) m_onReceive(m_readBuffer.data(), n);

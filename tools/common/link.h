@@ -51,6 +51,9 @@ public:
     std::uint64_t bytesWritten() const { return m_bytesWritten; }
     std::uint64_t bytesRead() const { return m_bytesRead; }
     std::string const& name() const { return m_name; }
+    // True when the link ended before it ever worked because the two sides do not agree on how
+    // to talk: TLS bytes on a plain link, or a TLS peer that refused this side's certificate.
+    bool refused() const { return m_refused; }
 
 protected:
     using ReadDone = std::function<void(std::error_code, std::size_t)>;
@@ -60,6 +63,13 @@ protected:
     // The descriptor that direct writes use, or -1 where bytes must pass through asio (a
     // stream that encrypts or frames them).
     virtual int writeDescriptor() { return -1; }
+    // The reason a read failed, for the close handler; a link that knows its stream better
+    // (TLS alerts) says more, and calls markRefused() when the peer turned it away.
+    virtual std::string readFailure(std::error_code ec) { return ec.message(); }
+    // Looks at the first bytes read before they are passed on; a non-empty answer ends the
+    // link, refused, with that reason.
+    virtual std::string screenFirstBytes(unsigned char const*, std::size_t) { return std::string(); }
+    void markRefused() { m_refused = true; }
 
 private:
     void readMore();
@@ -72,6 +82,7 @@ private:
 
     std::string m_name;
     bool m_open = true;
+    bool m_refused = false;
     ReceiveHandler m_onReceive;
     CloseHandler m_onClose;
     std::vector<unsigned char> m_readBuffer;

@@ -1,5 +1,6 @@
 #include "tcp.h"
 
+#include "tls.h"
 #include "tool_error.h"
 
 namespace
@@ -12,8 +13,13 @@ std::string describe(std::error_code ec)
 }
 }
 
-std::shared_ptr<Link> connectTcp(asio::io_context& io, Endpoint const& ep,
-                                 std::chrono::milliseconds timeout)
+std::string TcpLink::screenFirstBytes(unsigned char const* data, std::size_t length)
+{
+    if (!looksLikeTls(data, length)) return std::string();
+    return "the peer speaks TLS, this side plain TCP";
+}
+
+asio::ip::tcp::socket connectSocket(asio::io_context& io, Endpoint const& ep, std::chrono::milliseconds timeout)
 {
     asio::ip::tcp::resolver resolver(io);
     std::error_code ec;
@@ -45,11 +51,22 @@ std::shared_ptr<Link> connectTcp(asio::io_context& io, Endpoint const& ep,
     if (timedOut) throw ToolError("time-out connecting to " + ep.text(), EXIT_CONNECT);
     if (result) throw ToolError(describe(result) + " by " + ep.text(), EXIT_CONNECT);
     socket.set_option(asio::ip::tcp::no_delay(true), ec);
-    return std::make_shared<TcpLink>(std::move(socket), ep.text());
+    return socket;
 }
 
-TcpListener::TcpListener(asio::io_context& io, Endpoint const& ep, AcceptHandler onAccept)
-    : m_acceptor(io), m_onAccept(std::move(onAccept)), m_requested(ep)
+std::shared_ptr<Link> connectTcp(asio::io_context& io, Endpoint const& ep,
+                                 std::chrono::milliseconds timeout)
+{
+    return std::make_shared<TcpLink>(connectSocket(io, ep, timeout), ep.text());
+}
+
+TcpListener::TcpListener(asio::io_context& io, Endpoint const& ep, AcceptHandler onAccept,
+                         std::shared_ptr<asio::ssl::context> tls, RefusedHandler onRefused)
+    : m_acceptor(io),
+      m_onAccept(std::move(onAccept)),
+      m_tls(std::move(tls)),
+      m_onRefused(std::move(onRefused)),
+      m_requested(ep)
 {
     std::error_code ec;
     asio::ip::address address = asio::ip::make_address(ep.host, ec);
@@ -99,7 +116,10 @@ void TcpListener::acceptNext()
             std::string name = remoteError ? std::string("peer")
                                            : remote.address().to_string() + ":" + std::to_string(remote.port());
             socket.set_option(asio::ip::tcp::no_delay(true), remoteError);
-            m_onAccept(std::make_shared<TcpLink>(std::move(socket), name));
+            if (m_tls)
+                acceptTls(std::move(socket), name, m_tls, m_onAccept, m_onRefused);
+            else
+                m_onAccept(std::make_shared<TcpLink>(std::move(socket), name));
         }
         // A failed accept (for example too many open files) does not stop the listener.
         acceptNext();

@@ -12,7 +12,7 @@ enum ExitCode : int
     EXIT_FAILURE_OTHER = 1,    // anything not listed below (an unexpected answer, a lost link)
     EXIT_USAGE = 2,            // unknown command or option, a malformed option value
     EXIT_INPUT = 3,            // an input file that cannot be read or does not hold what it should
-    EXIT_CONNECT = 4,          // the device cannot be reached (refused, unknown host, port busy)
+    EXIT_CONNECT = 4,          // the device cannot be reached (refused, unknown host, port busy, TLS refused)
     EXIT_TIMEOUT = 5,          // the device did not answer in time
     EXIT_MISMATCH = 6,         // the device confirmed another checksum than the one sent
     EXIT_REFUSED = 7,          // the device refused the request or did not do what was asked
@@ -22,7 +22,8 @@ enum ExitCode : int
 // The text listed under --help.
 inline char const* exitCodeHelp()
 {
-    return "Exit status: 0 success, 1 other failure, 2 usage error, 3 bad input file, 4 cannot connect, "
+    return "Exit status: 0 success, 1 other failure, 2 usage error, 3 bad input or TLS file, 4 cannot connect "
+           "(also: a TLS certificate refused, or TLS on one side only), "
            "5 time-out, 6 checksum mismatch, 7 refused by the device, 8 local send limit. With several "
            "devices the highest status of any device.";
 }

@@ -8,6 +8,7 @@
 
 #include "commands.h"
 #include "endpoint.h"
+#include "tls_options.h"
 #include "tool_error.h"
 
 int main(int argc, char** argv)
@@ -47,6 +48,8 @@ int main(int argc, char** argv)
     auto* jsonFlag = app.add_flag("--json", json, "one JSON object per line, also on a terminal");
     app.add_flag("--human", human, "the readable form, also when not on a terminal")->excludes(jsonFlag);
     app.add_flag("--verbose,-v", verbose, "log the engine's messages with time stamps on standard error");
+    TlsFiles tls;
+    addTlsOptions(app, tls, "the station's; each device's certificate must name its address (CN)");
 
     std::string text, file, id, mime;
     EventsOptions eventsOptions;
@@ -153,6 +156,10 @@ int main(int argc, char** argv)
             ctx.station.serialAddresses = deviceAddresses;
         }
         ctx.station.ownAddress = static_cast<unsigned int>(parseUnsigned(from, "station address", 0, 0xFFFFFFFDu));
+        tls.requireComplete();
+        if (tls.enabled() && !serialPath.empty())
+            throw ToolError("TLS protects TCP links; a serial port has none (see docs/security.md)", EXIT_USAGE);
+        ctx.station.tls = tls;
         ctx.station.timeout_s = timeout;
         ctx.station.verbose = verbose;
         randomizeTelegramIds();

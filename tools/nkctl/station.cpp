@@ -13,11 +13,31 @@
 namespace
 {
 using Clock = std::chrono::steady_clock;
+const unsigned int kBroadcast = 0xFFFFFFFEu;
+
+// A TLS link to the devices at one address, whose certificate names each of them: the CA alone
+// would let any panel of the fleet answer for another.
+std::shared_ptr<Link> connectTlsDevice(asio::io_context& io, std::string const& address,
+                                       std::vector<DeviceLocation> const& locations, std::chrono::seconds timeout,
+                                       std::shared_ptr<asio::ssl::context> context)
+{
+    std::shared_ptr<TlsLink> link = connectTls(io, parseEndpoint(address, "127.0.0.1"), timeout, std::move(context));
+    unsigned int named = 0;
+    const bool panel = namesPanel(link->peerName(), &named);
+    for (DeviceLocation const& location : locations) {
+        if (location.link != address || location.address == kBroadcast || (panel && named == location.address)) continue;
+        link->close("not the device asked for");
+        throw ToolError("the TLS certificate of " + address + " names " +
+                            (panel ? "panel " + link->peerName() : "'" + link->peerName() + "'") + ", not panel " +
+                            std::to_string(location.address),
+                        EXIT_CONNECT);
+    }
+    return link;
+}
 
 // The engine's own time-out counts from the creation of the request; the station counts
 // from the last progress instead, so the engine's is only a backstop.
 const unsigned int kEngineTimeout_s = 86400;
-const unsigned int kBroadcast = 0xFFFFFFFEu;
 }
 
 struct Station::Connection
@@ -31,7 +51,11 @@ struct Station::Connection
     Clock::time_point lastProgress = Clock::now();
 
     bool open() const { return binding && binding->link().isOpen(); }
-    std::string failure() const { return binding ? "connection to " + name + " lost: " + closedReason : closedReason; }
+    std::string failure() const
+    {
+        if (!binding) return closedReason;
+        return "connection to " + name + (binding->link().refused() ? " refused: " : " lost: ") + closedReason;
+    }
     std::uint64_t traffic() const
     {
         return binding ? binding->link().bytesWritten() + binding->link().bytesRead() : 0;
@@ -131,6 +155,9 @@ void Station::connect()
         for (std::string const& device : m_options.devices) locations.push_back(parseDeviceLocation(device, m_options.deviceAddress));
     }
 
+    std::shared_ptr<asio::ssl::context> tls;
+    if (m_options.tls.enabled() && m_options.serialPath.empty()) tls = makeTlsContext(m_options.tls, TlsRole::CLIENT);
+
     // One link per HOST:PORT (or serial port); a device that cannot be reached fails alone
     // when there are several, so the others are still served.
     for (DeviceLocation const& location : locations) {
@@ -142,9 +169,13 @@ void Station::connect()
             fresh->name = location.link;
             std::shared_ptr<Link> link;
             try {
-                link = m_options.serialPath.empty()
-                           ? connectTcp(m_io, parseEndpoint(location.link, "127.0.0.1"), std::chrono::seconds(m_options.timeout_s))
-                           : openSerial(m_io, m_options.serialPath, m_options.baud);
+                const std::chrono::seconds timeout(m_options.timeout_s);
+                if (!m_options.serialPath.empty())
+                    link = openSerial(m_io, m_options.serialPath, m_options.baud);
+                else if (tls)
+                    link = connectTlsDevice(m_io, location.link, locations, timeout, tls);
+                else
+                    link = connectTcp(m_io, parseEndpoint(location.link, "127.0.0.1"), timeout);
             } catch (ToolError const& e) {
                 fresh->closedReason = e.what();
                 fresh->failureCode = e.code;
@@ -316,7 +347,9 @@ std::vector<Station::Reply> Station::request(Outgoing outgoing)
                 replies[i].code = EXIT_LOCAL_LIMIT;
             } else if (!connection.open() && !linkTimedOut) {
                 replies[i].error = connection.failure();
-                replies[i].code = EXIT_FAILURE_OTHER;
+                const bool refused = connection.binding->link().refused();
+                if (refused && !m_options.tls.enabled()) replies[i].error += " (give --tls-cert, --tls-key and --tls-ca)";
+                replies[i].code = refused ? EXIT_CONNECT : EXIT_FAILURE_OTHER;
             } else if (linkTimedOut || now - connection.lastProgress > quiet) {
                 replies[i].error = "time-out: device " + std::to_string(m_targets[i].location.address) + " at " +
                                    m_targets[i].location.link + (linkTimedOut ? " took no byte of the request" : " did not answer") +

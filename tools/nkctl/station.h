@@ -11,6 +11,7 @@
 #include "engine_binding.h"
 #include "nkProtocol.h"
 #include "poll_timer.h"
+#include "tls.h"
 #include "tool_error.h"
 
 struct StationOptions
@@ -25,6 +26,8 @@ struct StationOptions
     unsigned int ownAddress = 100;
     unsigned int timeout_s = 10;
     bool verbose = false;
+    // TCP devices over TLS: each device's certificate must chain to tls.ca and name its address.
+    TlsFiles tls;
 };
 
 // One device as the command line names it.

@@ -52,9 +52,11 @@ DeviceServer::~DeviceServer()
     m_connections.clear();
 }
 
-Endpoint DeviceServer::listen(Endpoint const& ep)
+Endpoint DeviceServer::listen(Endpoint const& ep, std::shared_ptr<asio::ssl::context> tls)
 {
-    m_listener.reset(new TcpListener(m_io, ep, [this](std::shared_ptr<Link> link) { addConnection(link); }));
+    m_listener.reset(new TcpListener(
+        m_io, ep, [this](std::shared_ptr<Link> link) { addConnection(link); }, std::move(tls),
+        [](std::string const& line) { logLine("warning", "nkdevice", line); }));
     return m_listener->localEndpoint();
 }
 
@@ -91,7 +93,10 @@ void DeviceServer::dropConnection(unsigned long long id, std::string const& reas
     for (auto it = m_connections.begin(); it != m_connections.end(); ++it) {
         Connection* connection = it->get();
         if (connection->id != id) continue;
-        if (m_options.verbose)
+        // A peer on the wrong protocol (TLS on a plain port) is worth a word even when quiet.
+        if (connection->binding->link().refused())
+            logLine("warning", "nkdevice", "refused the connection from " + connection->peer + ": " + reason);
+        else if (m_options.verbose)
             logLine("info", "nkdevice", connection->peer + ": " + reason);
         if (connection->serial && m_stopDeadline_ms < 0) m_reopenAt_ms = nowMs() + 1000;
         m_connections.erase(it);

@@ -39,8 +39,10 @@ public:
     DeviceServer(asio::io_context& io, Device& device, Options const& options);
     ~DeviceServer();
 
-    // Throws ToolError when the address cannot be bound; gives the bound address.
-    Endpoint listen(Endpoint const& ep);
+    // Throws ToolError when the address cannot be bound; gives the bound address. With a TLS
+    // context only stations whose certificate it verifies are served; every refused
+    // connection is logged as a warning.
+    Endpoint listen(Endpoint const& ep, std::shared_ptr<asio::ssl::context> tls = nullptr);
     // Throws ToolError when the port cannot be opened. A port that fails later is reopened.
     void openSerial(std::string const& path, unsigned int baud);
     // Serves one more link that the caller opened (a broker connection's topic pair).
