@@ -9,7 +9,7 @@ packages=(
   cmake ninja-build make g++ clang libclang-rt-14-dev pkg-config
   nlohmann-json3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
   libasio-dev libcli11-dev python3 help2man tshark
-  mosquitto mosquitto-clients libmosquitto-dev libsqlite3-dev libcpp-httplib-dev
+  mosquitto mosquitto-clients libmosquitto-dev libsqlite3-dev libcpp-httplib-dev openssl
   python3-dev pybind11-dev python3-pytest python3-paho-mqtt
   libjs-chart.js chromium chromium-driver python3-selenium
 )

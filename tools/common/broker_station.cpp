@@ -29,6 +29,7 @@ BrokerStation::BrokerStation(asio::io_context& io, Options options)
     client.host = m_options.broker.host;
     client.port = m_options.broker.port;
     client.clientId = m_options.clientId;
+    client.tls = m_options.tls;
     const std::string share = m_options.sharedGroup.empty() ? "" : "$share/" + m_options.sharedGroup + "/";
     client.subscriptions.push_back(share + m_options.topics.allUp());
     // Presence is retained and every worker needs its panels' flags: not shared.

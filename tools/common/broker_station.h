@@ -32,6 +32,8 @@ public:
         // Subscribe through $share/<group>/... so that several stations split one fleet.
         std::string sharedGroup;
         bool verbose = false;
+        // The station's client certificate, for an mqtts:// broker.
+        TlsFiles tls;
     };
     // The answer's content (null on time-out or on an answer from the wrong address) and why not.
     using ResponseHandler = std::function<void(tBlob* content, std::string const& error)>;

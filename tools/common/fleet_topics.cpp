@@ -32,13 +32,20 @@ bool isTopicLevel(std::string const& text)
 MqttUrl parseMqttUrl(std::string const& text)
 {
     std::string rest = text;
+    MqttUrl url;
     const std::string scheme = "mqtt://";
-    if (rest.compare(0, scheme.size(), scheme) == 0) rest = rest.substr(scheme.size());
-    else if (rest.find("://") != std::string::npos)
-        throw ToolError("broker URL " + text + " is not mqtt://HOST[:PORT]", EXIT_USAGE);
+    const std::string secure = "mqtts://";
+    if (rest.compare(0, scheme.size(), scheme) == 0) {
+        rest = rest.substr(scheme.size());
+    } else if (rest.compare(0, secure.size(), secure) == 0) {
+        rest = rest.substr(secure.size());
+        url.tls = true;
+        url.port = 8883;
+    } else if (rest.find("://") != std::string::npos) {
+        throw ToolError("broker URL " + text + " is not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]", EXIT_USAGE);
+    }
     while (!rest.empty() && rest.back() == '/') rest.pop_back();
     if (rest.empty()) throw ToolError("broker URL " + text + " names no host", EXIT_USAGE);
-    MqttUrl url;
     if (rest.find(':') == std::string::npos || (rest.front() == '[' && rest.back() == ']')) {
         url.host = rest;
         if (url.host.front() == '[') url.host = url.host.substr(1, url.host.size() - 2);

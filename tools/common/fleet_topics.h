@@ -40,9 +40,11 @@ struct MqttUrl
 {
     std::string host;
     unsigned short port = 1883;
+    bool tls = false;  // mqtts://, port 8883 unless given
 };
 
-// Parses mqtt://HOST[:PORT] (the scheme may be left out). Throws ToolError naming the text.
+// Parses mqtt://HOST[:PORT] or mqtts://HOST[:PORT] (the scheme may be left out: mqtt). Throws
+// ToolError naming the text.
 MqttUrl parseMqttUrl(std::string const& text);
 
 #endif

@@ -6,6 +6,9 @@
 #include <poll.h>
 
 #include <mosquitto.h>
+#include <openssl/ssl.h>
+
+#include "tool_error.h"
 
 namespace
 {
@@ -15,13 +18,17 @@ void initialiseLibrary()
     std::call_once(once, [] { mosquitto_lib_init(); });
 }
 
-// True when the socket holds more bytes to read: loop_read takes one packet at a time, and
-// asio reports readiness only on a change, so the rest is read before waiting again.
-bool moreToRead(int fd)
-{
-    pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, 0) > 0 && (p.revents & POLLIN);
 }
+
+// loop_read takes one packet at a time, and asio reports readiness only on a change, so the
+// rest is read before waiting again. Over TLS the rest may already sit decrypted in the TLS
+// layer, where the socket's readiness does not show it.
+bool MqttClient::moreToRead() const
+{
+    auto* ssl = static_cast<SSL*>(mosquitto_ssl_get(m_mosq));
+    if (ssl && SSL_pending(ssl) > 0) return true;
+    pollfd p{m_fd, POLLIN, 0};
+    return ::poll(&p, 1, 0) > 0 && (p.revents & POLLIN);
 }
 
 MqttClient::MqttClient(asio::io_context& io, Options options, MessageHandler onMessage, StateHandler onState)
@@ -43,6 +50,17 @@ MqttClient::MqttClient(asio::io_context& io, Options options, MessageHandler onM
     mosquitto_connect_callback_set(m_mosq, &MqttClient::onConnect);
     mosquitto_disconnect_callback_set(m_mosq, &MqttClient::onDisconnect);
     mosquitto_message_callback_set(m_mosq, &MqttClient::onMessage);
+    mosquitto_log_callback_set(m_mosq, &MqttClient::onLog);
+    if (m_options.tls.enabled()) {
+        TlsFiles const& tls = m_options.tls;
+        if (mosquitto_tls_set(m_mosq, tls.ca.c_str(), nullptr, tls.cert.c_str(), tls.key.c_str(), nullptr) !=
+            MOSQ_ERR_SUCCESS) {
+            mosquitto_destroy(m_mosq);
+            throw ToolError("cannot use the TLS files " + tls.cert + ", " + tls.key + " and " + tls.ca, EXIT_INPUT);
+        }
+        // SSL_VERIFY_PEER: the broker's certificate is checked against the CA and the host name.
+        mosquitto_tls_opts_set(m_mosq, 1, "tlsv1.3", nullptr);
+    }
     if (!m_options.presenceTopic.empty())
         mosquitto_will_set(m_mosq, m_options.presenceTopic.c_str(), 1, "0", 1, true);
 }
@@ -108,7 +126,7 @@ void MqttClient::readable()
     for (int i = 0; i < 256; ++i) {
         const int rc = mosquitto_loop_read(m_mosq, 1);
         if (!checkSocket(rc, "read")) return;
-        if (!moreToRead(m_fd)) break;
+        if (!moreToRead()) break;
     }
     if (mosquitto_want_write(m_mosq)) waitWrite();
     waitRead();
@@ -150,6 +168,13 @@ bool MqttClient::checkSocket(int rc, char const* what)
     return false;
 }
 
+void MqttClient::attemptFailed(std::string const& reason)
+{
+    if (reason == m_lastFailure) return;
+    m_lastFailure = reason;
+    if (m_onFailure) m_onFailure(reason);
+}
+
 void MqttClient::lost(std::string const& reason)
 {
     // The library has closed the socket already; the descriptor only leaves asio's reactor.
@@ -161,6 +186,11 @@ void MqttClient::lost(std::string const& reason)
     const bool wasConnected = m_connected;
     m_connected = false;
     if (wasConnected && m_onState) m_onState(false, reason);
+    if (!wasConnected && !m_stopped) {
+        const std::string detail = m_lastLibraryError.empty() ? reason : reason + " (" + m_lastLibraryError + ")";
+        attemptFailed(detail);
+    }
+    m_lastLibraryError.clear();
     if (!m_stopped) scheduleReconnect();
 }
 
@@ -229,9 +259,11 @@ void MqttClient::onConnect(mosquitto* mosq, void* context, int rc)
     if (rc != 0) {
         // The broker refused (bad credentials, identifier rejected): the library closes the
         // socket and checkSocket then retries with back-off.
+        self->m_lastLibraryError = std::string("broker refused: ") + mosquitto_connack_string(rc);
         return;
     }
     self->m_backoff = self->m_options.backoffMin;
+    self->m_lastFailure.clear();
     ++self->m_connects;
     for (std::string const& topic : self->m_options.subscriptions) mosquitto_subscribe(mosq, nullptr, topic.c_str(), 1);
     if (!self->m_options.presenceTopic.empty())
@@ -252,4 +284,15 @@ void MqttClient::onMessage(mosquitto*, void* context, mosquitto_message const* m
     if (self->m_onMessage && message->topic)
         self->m_onMessage(message->topic, static_cast<unsigned char const*>(message->payload),
                           static_cast<std::size_t>(message->payloadlen > 0 ? message->payloadlen : 0));
+}
+
+void MqttClient::onLog(mosquitto*, void* context, int level, char const* text)
+{
+    // The TLS layer's reasons ("certificate verify failed") come only as error log lines.
+    if (level != MOSQ_LOG_ERR || !text) return;
+    // "OpenSSL Error[0]: error:0A000415:SSL routines::sslv3 alert certificate expired": the words
+    // after the last "::" say it.
+    std::string line = text;
+    const std::size_t words = line.rfind("::");
+    static_cast<MqttClient*>(context)->m_lastLibraryError = words == std::string::npos ? line : line.substr(words + 2);
 }

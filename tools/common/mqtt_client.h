@@ -13,6 +13,8 @@
 
 #include <asio.hpp>
 
+#include "tls_files.h"
+
 struct mosquitto;
 struct mosquitto_message;
 
@@ -38,17 +40,24 @@ public:
         std::chrono::milliseconds backoffMin{250};
         std::chrono::milliseconds backoffMax{15000};
         unsigned int maxInflight = 100;
+        // TLS 1.3 with this client certificate; the broker's certificate must chain to tls.ca
+        // and name the host connected to.
+        TlsFiles tls;
     };
     using MessageHandler = std::function<void(std::string const& topic, unsigned char const* data, std::size_t length)>;
     // connected is true after the broker accepted the connection, false when it was lost;
     // reason says why (empty on a connect).
     using StateHandler = std::function<void(bool connected, std::string const& reason)>;
+    // An attempt to connect that failed (a refused certificate, a broker that is down). Called
+    // for the first failure and whenever the reason changes, not for every retry.
+    using FailureHandler = std::function<void(std::string const& reason)>;
 
     MqttClient(asio::io_context& io, Options options, MessageHandler onMessage, StateHandler onState = nullptr);
     ~MqttClient();
     MqttClient(MqttClient const&) = delete;
     MqttClient& operator=(MqttClient const&) = delete;
 
+    void onFailure(FailureHandler handler) { m_onFailure = std::move(handler); }
     // Starts connecting; failures are retried, never thrown.
     void start();
     // QoS 0 or 1. A QoS 1 message published while the connection is down is kept by the client
@@ -68,6 +77,7 @@ private:
     static void onConnect(mosquitto*, void* self, int rc);
     static void onDisconnect(mosquitto*, void* self, int rc);
     static void onMessage(mosquitto*, void* self, mosquitto_message const* message);
+    static void onLog(mosquitto*, void* self, int level, char const* text);
 
     void watchSocket();
     void waitRead();
@@ -78,6 +88,9 @@ private:
     void armTick();
     // Called after every library call: notices a socket the library closed.
     bool checkSocket(int rc, char const* what);
+    // True while the socket, or the TLS layer above it, holds bytes not yet read.
+    bool moreToRead() const;
+    void attemptFailed(std::string const& reason);
     void lost(std::string const& reason);
     void scheduleReconnect();
 
@@ -85,6 +98,10 @@ private:
     Options m_options;
     MessageHandler m_onMessage;
     StateHandler m_onState;
+    FailureHandler m_onFailure;
+    std::string m_lastFailure;
+    // The library's last error message (the TLS layer's reason, which its return codes omit).
+    std::string m_lastLibraryError;
     mosquitto* m_mosq = nullptr;
     std::optional<asio::posix::stream_descriptor> m_socket;
     int m_fd = -1;

@@ -12,6 +12,7 @@
 #include "fleet_topics.h"
 #include "mqtt_panel.h"
 #include "output.h"
+#include "tls.h"
 #include "tool_error.h"
 
 namespace
@@ -57,6 +58,13 @@ int runOverBroker(BrokerRun const& run)
     const unsigned int count = run.count == 0 ? 1 : run.count;
     if (static_cast<unsigned long long>(run.firstAddress) + count - 1 > 0xFFFFFFFDull)
         throw ToolError("the simulated addresses run beyond 4294967293", EXIT_USAGE);
+    if (broker.tls != run.tls.enabled())
+        throw ToolError(broker.tls ? "an mqtts:// broker needs --tls-cert, --tls-key and --tls-ca"
+                                   : "TLS options need an mqtts:// broker URL",
+                        EXIT_USAGE);
+    if (run.tls.enabled() && run.count > 0 && !run.tls.perPanel())
+        throw ToolError("simulated panels need a certificate each: --tls-cert and --tls-key must hold {address}",
+                        EXIT_USAGE);
     FleetTopics topics;
     topics.prefix = run.topicPrefix;
     topics.fleet = run.fleet;
@@ -105,7 +113,17 @@ int runOverBroker(BrokerRun const& run)
                     if (--running == 0) io.stop();
                 };
             panel.server.reset(new DeviceServer(io, *panel.device, panelOptions));
-            panel.mqtt.reset(new MqttPanel(io, *panel.server, broker, topics, address));
+            TlsFiles tls;
+            if (run.tls.enabled()) {
+                // Checked here, so that a wrong file stops the start instead of a retry loop.
+                tls = run.tls.forPanel(address);
+                requirePanelCertificate(tls.cert, address);
+                makeTlsContext(tls, TlsRole::CLIENT);
+            }
+            panel.mqtt.reset(new MqttPanel(io, *panel.server, broker, topics, address, tls));
+            panel.mqtt->client().onFailure([address](std::string const& reason) {
+                logLine("warning", "nkdevice", "panel " + std::to_string(address) + ": broker: " + reason);
+            });
             auto fault = faults.find(address);
             if (fault != faults.end() && fault->second == "silent") panel.mqtt->setSilent(true);
             if (fault != faults.end() && fault->second == "wrong-checksum") panel.device->setConfirmsWrongChecksum(true);

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tls_files.h"
+
 // nkdevice on a broker instead of a TCP listener or a serial port: one device, or (simulate) a
 // fleet of devices in one process, each with its own engine, address, data directory and
 // broker connection, all on one thread.
@@ -25,6 +27,8 @@ struct BrokerRun
     // wrong-checksum (confirms a configuration with a checksum not its own) or silent (online,
     // never answers).
     std::vector<std::string> faults;
+    // The panels' client certificates (mqtts://); with simulated panels the paths hold {address}.
+    TlsFiles tls;
 };
 
 // Runs until SIGINT/SIGTERM, or until a SHUTDOWN request has stopped its device (each simulated

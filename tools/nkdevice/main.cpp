@@ -9,6 +9,7 @@
 #include "broker_run.h"
 #include "device_server.h"
 #include "output.h"
+#include "tls_options.h"
 #include "tool_error.h"
 
 namespace
@@ -63,8 +64,15 @@ int main(int argc, char** argv)
         ->check(CLI::Range(1u, 10000u));
     app.add_flag("--verbose,-v", verbose,
                  "log connections and the engine's messages with time stamps on standard error");
-    app.footer("Exit status: 0 stopped cleanly, 1 other failure, 2 usage error, 3 data directory unusable, "
-               "4 cannot listen or open the serial port.");
+    TlsFiles tls;
+    addTlsOptions(app, tls,
+                  "the device's own, whose CN is its address; with --simulate a path holding {address} "
+                  "names each panel's");
+    app.footer("TLS: on --listen only stations are served whose certificate chains to --tls-ca and names no "
+               "panel; with --mqtt (mqtts://) the broker checks the certificate. Refused connections are "
+               "logged as warnings.\n"
+               "Exit status: 0 stopped cleanly, 1 other failure, 2 usage error, 3 data directory or TLS files "
+               "unusable, 4 cannot listen or open the serial port.");
     // Usage errors are one line on standard error, like every other error of the tools.
     app.failure_message([](CLI::App const*, CLI::Error const& e) {
         return std::string("nkdevice: ") + e.what() + " (see --help)\n";
@@ -83,8 +91,12 @@ int main(int argc, char** argv)
                 ? address
                 : static_cast<unsigned int>(parseUnsigned(serialNumberText, "serial number", 0, 0xFFFFFFFFu));
 
+        tls.requireComplete();
+        if (tls.enabled() && !serialPath.empty())
+            throw ToolError("TLS protects TCP and broker links; a serial port has none (see docs/security.md)", EXIT_USAGE);
         if (!brokerRun.url.empty()) {
             if (app.count("--serial") > 0) throw ToolError("--mqtt and --serial exclude each other", EXIT_USAGE);
+            brokerRun.tls = tls;
             if (brokerRun.fleet.empty()) throw ToolError("--mqtt needs --fleet NAME", EXIT_USAGE);
             brokerRun.firstAddress = address;
             brokerRun.serialNumber = serialNumber;
@@ -112,7 +124,13 @@ int main(int argc, char** argv)
             server.openSerial(serialPath, baud);
             announce("serving", "serial", serialPath, store.directory());
         } else {
-            const Endpoint bound = server.listen(parseEndpoint(listenAddress, "127.0.0.1"));
+            std::shared_ptr<asio::ssl::context> context;
+            if (tls.enabled()) {
+                const TlsFiles own = tls.forPanel(address);
+                requirePanelCertificate(own.cert, address);
+                context = makeTlsContext(own, TlsRole::SERVER);
+            }
+            const Endpoint bound = server.listen(parseEndpoint(listenAddress, "127.0.0.1"), context);
             announce("listening", "address", bound.text(), store.directory());
         }
         device.recordEvent(Device::EVENT_STARTED, Device::CATEGORY_NOTICE, "device started");

@@ -1,7 +1,7 @@
 #include "mqtt_panel.h"
 
 MqttPanel::MqttPanel(asio::io_context& io, DeviceServer& server, MqttUrl const& broker, FleetTopics const& topics,
-                     unsigned int address)
+                     unsigned int address, TlsFiles const& tls)
     : m_server(server), m_topics(topics), m_address(address)
 {
     MqttClient::Options options;
@@ -10,6 +10,7 @@ MqttPanel::MqttPanel(asio::io_context& io, DeviceServer& server, MqttUrl const& 
     options.clientId = "nk-" + topics.fleet + "-" + std::to_string(address);
     options.subscriptions.push_back(topics.down(address));
     options.presenceTopic = topics.online(address);
+    options.tls = tls;
     const std::string down = topics.down(address);
     m_client.reset(new MqttClient(io, options, [this, down](std::string const& topic, unsigned char const* data,
                                                             std::size_t length) {

@@ -16,7 +16,7 @@ class MqttPanel
 {
 public:
     MqttPanel(asio::io_context& io, DeviceServer& server, MqttUrl const& broker, FleetTopics const& topics,
-              unsigned int address);
+              unsigned int address, TlsFiles const& tls = TlsFiles());
     void start();
     // Sets the online flag to "0" and disconnects.
     void stop();

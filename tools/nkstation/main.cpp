@@ -10,6 +10,8 @@
 #include "http_api.h"
 #include "output.h"
 #include "reconciler.h"
+#include "tls.h"
+#include "tls_options.h"
 #include "tool_error.h"
 #include "web_root.h"
 
@@ -55,6 +57,8 @@ int main(int argc, char** argv)
         ->capture_default_str()
         ->check(CLI::Range(1u, 86400u));
     app.add_flag("--verbose,-v", verbose, "log the engines' messages on standard error");
+    TlsFiles tls;
+    addTlsOptions(app, tls, "the station's client certificate for an mqtts:// broker");
     app.footer(exitCodeHelp());
     app.failure_message([](CLI::App const*, CLI::Error const& e) {
         return std::string("nkstation: ") + e.what() + " (see --help)\n";
@@ -70,6 +74,13 @@ int main(int argc, char** argv)
     try {
         BrokerStation::Options options;
         options.broker = parseMqttUrl(url);
+        tls.requireComplete();
+        if (options.broker.tls != tls.enabled())
+            throw ToolError(options.broker.tls ? "an mqtts:// broker needs --tls-cert, --tls-key and --tls-ca"
+                                               : "TLS options need an mqtts:// broker URL",
+                            EXIT_USAGE);
+        if (tls.enabled()) makeTlsContext(tls, TlsRole::CLIENT);  // a wrong file stops the start
+        options.tls = tls;
         if (!isTopicLevel(fleet)) throw ToolError("fleet name '" + fleet + "' must be one topic level without / + #", EXIT_USAGE);
         if (!isTopicLevel(prefix)) throw ToolError("topic prefix '" + prefix + "' must be one topic level", EXIT_USAGE);
         if (!sharedGroup.empty() && !isTopicLevel(sharedGroup))
@@ -90,6 +101,7 @@ int main(int argc, char** argv)
         reconciler.onChange([&changes](nlohmann::json const& change) { changes.add(change.dump()); });
         station.onPresence([&reconciler](unsigned int address, bool online) { reconciler.presence(address, online); });
         station.onConnection([&reconciler](bool connected, std::string const&) { reconciler.brokerConnection(connected); });
+        station.client().onFailure([](std::string const& reason) { logLine("warning", "nkstation", "broker: " + reason); });
         HttpApi api(io, *store, images, reconciler, changes, [&station] {
             return nlohmann::json{{"connected", station.connected()},
                                   {"received", station.client().messagesReceived()},
