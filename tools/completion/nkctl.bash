@@ -6,11 +6,11 @@ _nkctl()
     _init_completion || return
 
     local globals="--device -d --devices-file --serial --baud --address -a --from --timeout -t --json --human
-        --verbose -v --help -h --version"
+        --verbose -v --tls-cert --tls-key --tls-ca --tls-crl --help -h --version"
     local commands="state config schedules image events statistics display-config time shutdown decode encode"
 
     case $prev in
-        --devices-file | --serial | -o | --out)
+        --devices-file | --serial | -o | --out | --tls-cert | --tls-key | --tls-ca | --tls-crl)
             _filedir
             return
             ;;
@@ -31,7 +31,8 @@ _nkctl()
             -*) ;;
             *)
                 case ${words[i - 1]} in
-                    --device | -d | --devices-file | --serial | --baud | --address | -a | --from | --timeout | -t) continue ;;
+                    --device | -d | --devices-file | --serial | --baud | --address | -a | --from | --timeout | -t | \
+                        --tls-cert | --tls-key | --tls-ca | --tls-crl) continue ;;
                 esac
                 if [[ -z $command ]]; then command=${words[i]}; elif [[ -z $sub ]]; then sub=${words[i]}; fi
                 ;;

@@ -6,9 +6,11 @@ _nkdevice()
     _init_completion || return
     case $prev in
         --data) _filedir -d; return ;;
-        --serial) _filedir; return ;;
+        --serial | --tls-cert | --tls-key | --tls-ca | --tls-crl) _filedir; return ;;
         --listen | --baud | --address | --serial-number) return ;;
     esac
-    COMPREPLY=($(compgen -W "--listen --serial --baud --address --serial-number --data --verbose -v --help -h --version" -- "$cur"))
+    COMPREPLY=($(compgen -W "--listen --serial --baud --address --serial-number --data --verbose -v
+        --mqtt --fleet --topic-prefix --simulate --fault --poll-ms --tls-cert --tls-key --tls-ca --tls-crl --help -h
+        --version" -- "$cur"))
 }
 complete -F _nkdevice nkdevice
