@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""The demo behind `make demo`: a fleet kept in sync through a broker.
+"""The demo behind `make demo`: a fleet kept in sync through a broker, every link on mutual TLS.
 
-Starts a private mosquitto (scripts/broker.sh), nkstation with a fresh SQLite store, a simulated
+Makes a test CA and certificates (scripts/make-certs.sh), starts a private mosquitto that accepts
+only TLS clients with those certificates (scripts/broker.sh --tls), nkstation with a fresh SQLite store, a simulated
 fleet of panels (nkdevice --simulate) and one real nkdevice process with its own data directory;
 pushes a group configuration and schedule set through the station's HTTP API and shows the fleet
 converging, then takes the real panel offline, changes what it should hold while it is away and
@@ -29,6 +30,7 @@ BUILD = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT,
 NKSTATION = os.path.join(BUILD, "tools", "nkstation")
 NKDEVICE = os.path.join(BUILD, "tools", "nkdevice")
 BROKER_SCRIPT = os.path.join(ROOT, "scripts", "broker.sh")
+MAKE_CERTS = os.path.join(ROOT, "scripts", "make-certs.sh")
 EXAMPLES = os.path.join(ROOT, "examples")
 
 FLEET = "demo"
@@ -42,6 +44,7 @@ children = []
 failures = []
 work = tempfile.mkdtemp(prefix="nk-fleet-demo-")
 broker_dir = os.path.join(work, "broker")
+certs = os.path.join(work, "certs")
 
 
 def step(text):
@@ -108,8 +111,15 @@ def stop(proc, sig=signal.SIGTERM, seconds=30):
     return proc.returncode
 
 
-def broker(command):
-    out = subprocess.run(["bash", BROKER_SCRIPT, command, broker_dir], capture_output=True, text=True, timeout=60)
+def tls(stem):
+    """The options that put a program's links on mutual TLS with the certificate certs/STEM.crt."""
+    return ["--tls-cert", os.path.join(certs, stem + ".crt"), "--tls-key", os.path.join(certs, stem + ".key"),
+            "--tls-ca", os.path.join(certs, "ca.crt")]
+
+
+def broker(command, *extra):
+    out = subprocess.run(["bash", BROKER_SCRIPT, command, broker_dir, *extra], capture_output=True, text=True,
+                         timeout=60)
     if out.returncode != 0:
         raise RuntimeError("scripts/broker.sh %s failed: %s" % (command, out.stderr.strip()))
     return out.stdout.strip()
@@ -120,7 +130,7 @@ class Station:
         self.proc, announcement = start("nkstation", [
             NKSTATION, "--mqtt", url, "--fleet", FLEET, "--db", os.path.join(work, "station.db"),
             "--http", "127.0.0.1:0", "--timeout", "5", "--poll-interval", "30", "--collect-interval", "60",
-            "--max-concurrent", "16"])
+            "--max-concurrent", "16", *tls("station")])
         self.base = "http://" + announcement["http"]
         self.dashboard = announcement.get("dashboard")
 
@@ -176,7 +186,7 @@ def all_in_sync(station):
 
 def real_panel(url):
     return start("nkdevice-%d" % REAL, [NKDEVICE, "--mqtt", url, "--fleet", FLEET, "--address", str(REAL),
-                                         "--data", os.path.join(work, "panel-%d" % REAL)])[0]
+                                         "--data", os.path.join(work, "panel-%d" % REAL), *tls("panel-%d" % REAL)])[0]
 
 
 def demo():
@@ -186,9 +196,20 @@ def demo():
     config = json.load(open(os.path.join(EXAMPLES, "config.json")))
     schedules = json.load(open(os.path.join(EXAMPLES, "schedules.json")))
 
-    step("start a private mosquitto broker on a loopback port")
-    url = broker("start")
-    verdict(True, "broker at " + url)
+    step("make a test CA and certificates for the station, the broker and every panel (scripts/make-certs.sh)")
+    addresses = [REAL] + list(range(FIRST_SIMULATED, FIRST_SIMULATED + SIMULATED))
+    made = subprocess.run(["bash", MAKE_CERTS, certs, *map(str, addresses)], capture_output=True, text=True,
+                          timeout=600)
+    verdict(made.returncode == 0, "%d panel certificates, each naming its panel's address (CN)" % len(addresses)
+            if made.returncode == 0 else "make-certs.sh failed: " + made.stderr.strip())
+
+    step("start a private mosquitto broker on a loopback port: TLS 1.3 only, client certificates, an access list")
+    url = broker("start", "--tls", certs, "--fleet", FLEET)
+    verdict(url.startswith("mqtts://"), "broker at " + url)
+    intruder = subprocess.run(["mosquitto_pub", "-p", url.rsplit(":", 1)[1], "-q", "1", "-t",
+                               "nk/%s/%d/up" % (FLEET, REAL), "-m", "forged", "--cafile", os.path.join(certs, "ca.crt")],
+                              capture_output=True, text=True, timeout=60)
+    verdict(intruder.returncode != 0, "a client without a certificate is turned away")
 
     step("start nkstation with a fresh SQLite store")
     station = Station(url)
@@ -201,7 +222,7 @@ def demo():
     step("start %d simulated panels (addresses %d to %d) and one real nkdevice (address %d)"
          % (SIMULATED, FIRST_SIMULATED, FIRST_SIMULATED + SIMULATED - 1, REAL))
     start("nkdevice-simulated", [NKDEVICE, "--mqtt", url, "--fleet", FLEET, "--simulate", str(SIMULATED),
-                                 "--address", str(FIRST_SIMULATED)])
+                                 "--address", str(FIRST_SIMULATED), *tls("panel-{address}")])
     panel = real_panel(url)
     watch(station, "all %d panels came online and reported their state" % PANELS,
           lambda s: s["online"] == PANELS and s["devices"] == PANELS and s["working"] == 0 and s["queued"] == 0)
