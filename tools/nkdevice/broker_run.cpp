@@ -62,6 +62,8 @@ int runOverBroker(BrokerRun const& run)
         throw ToolError(broker.tls ? "an mqtts:// broker needs --tls-cert, --tls-key and --tls-ca"
                                    : "TLS options need an mqtts:// broker URL",
                         EXIT_USAGE);
+    if (!run.tls.crl.empty())
+        throw ToolError("--tls-crl serves TCP links; on a broker the broker checks revocation (crlfile)", EXIT_USAGE);
     if (run.tls.enabled() && run.count > 0 && !run.tls.perPanel())
         throw ToolError("simulated panels need a certificate each: --tls-cert and --tls-key must hold {address}",
                         EXIT_USAGE);

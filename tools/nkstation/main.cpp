@@ -79,6 +79,8 @@ int main(int argc, char** argv)
             throw ToolError(options.broker.tls ? "an mqtts:// broker needs --tls-cert, --tls-key and --tls-ca"
                                                : "TLS options need an mqtts:// broker URL",
                             EXIT_USAGE);
+        if (!tls.crl.empty())
+            throw ToolError("--tls-crl serves TCP links; on a broker the broker checks revocation (crlfile)", EXIT_USAGE);
         if (tls.enabled()) makeTlsContext(tls, TlsRole::CLIENT);  // a wrong file stops the start
         options.tls = tls;
         if (!isTopicLevel(fleet)) throw ToolError("fleet name '" + fleet + "' must be one topic level without / + #", EXIT_USAGE);

@@ -11,7 +11,8 @@ saying so.
 broker: mosquitto started by scripts/broker.sh --tls: a panel cannot publish on another panel's
 topic nor read another's down topic (checked with mosquitto_pub/mosquitto_sub and that panel's
 certificate), expired, foreign and missing certificates are turned away, and nkstation brings
-simulated panels to their desired state over TLS.
+simulated panels to their desired state over TLS; a revoked panel certificate is refused after
+the broker's restart.
 """
 import argparse
 import json
@@ -226,6 +227,16 @@ def broker_part(work):
         check(plain.returncode != 0, "the broker refuses a plain client")
 
         fleet_over_tls(work, url)
+
+        # A revoked panel certificate is refused once the broker has read the new list.
+        check(mqtt_pub(port, "panel-1002", topic(1002, "up"), "x") == 0, "panel 1002 publishes before any revocation")
+        subprocess.run(["bash", ARGS.make_certs, "--revoke", CERTS, "panel-1002"], check=True, timeout=120,
+                       capture_output=True)
+        subprocess.run(["bash", ARGS.broker_script, "stop", broker_dir], timeout=60, check=True)
+        subprocess.run(["bash", ARGS.broker_script, "start", broker_dir, port, "--tls", CERTS, "--fleet", FLEET],
+                       capture_output=True, timeout=60, check=True)
+        check(mqtt_pub(port, "panel-1002", topic(1002, "up"), "x") != 0, "the broker refuses a revoked certificate")
+        check(mqtt_pub(port, "panel-1001", topic(1001, "up"), "x") == 0, "the broker still takes the others")
     finally:
         subprocess.run(["bash", ARGS.broker_script, "stop", broker_dir], timeout=60)
 
