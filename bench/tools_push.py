@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Throughput and peak memory of `nkctl image push` to nkdevice over loopback TCP, beside the
 same file copied over loopback TCP by two small processes of their own and written with fsync
-and rename, as the device stores an image.
+and rename, as the device stores an image; and the same push over mutual TLS 1.3.
 
   bench/tools_push.py --nkctl build/tools/nkctl --nkdevice build/tools/nkdevice [--mib 50] [--runs 5]
 
@@ -26,6 +26,7 @@ import tempfile
 import time
 
 PYTHON = "/usr/bin/python3"
+MAKE_CERTS = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "scripts", "make-certs.sh")
 
 # The copy's receiver: one file per connection, 8-byte length first, then the bytes; written
 # to a temporary name, fsync, rename, fsync of the directory, then one byte back.
@@ -136,10 +137,28 @@ def start_nkdevice(args, work):
                                                 "--mime", "application/octet-stream"])
 
 
+def start_nkdevice_tls(args, work):
+    """The same push over mutual TLS 1.3, with the test certificates of scripts/make-certs.sh."""
+    certs = os.path.join(work, "certs")
+    subprocess.run(["bash", MAKE_CERTS, certs, "1"], check=True, capture_output=True)
+
+    def tls(stem):
+        return ["--tls-cert", os.path.join(certs, stem + ".crt"), "--tls-key", os.path.join(certs, stem + ".key"),
+                "--tls-ca", os.path.join(certs, "ca.crt")]
+
+    process = subprocess.Popen([args.nkdevice, "--listen", "127.0.0.1:0", "--data", os.path.join(work, "device-tls"),
+                                *tls("panel-1")], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    address = json.loads(process.stdout.readline())["address"]
+    return Receiver(process, lambda path, run: [args.nkctl, "--json", "--timeout", "120", "--device", address,
+                                                *tls("station"), "image", "push", path, "--id", str(1000 + run),
+                                                "--mime", "application/octet-stream"])
+
+
 # (name, starter); the first is the baseline the others are compared with.
 VARIANTS = [
     ("TCP copy + fsync + rename (python3)", start_copy),
     ("nkctl image push -> nkdevice (TCP)", start_nkdevice),
+    ("nkctl image push -> nkdevice (TLS 1.3)", start_nkdevice_tls),
 ]
 
 
