@@ -46,7 +46,7 @@ public:
     unsigned int timestamp() const { return m_u32Timestamp; }
     teType type() const { return m_eType; }
     teCompression compression() const { return m_eCompression; }
-    tBlob* payload() { return m_pPayload; }
+    virtual tBlob* payload() { return m_pPayload; }
 
     bool isResponse() const { return m_eType == TYPE_RESPONSE; }
     bool isRequestWithoutResponse() const { return m_eType == TYPE_REQUEST_NO_RESPONSE; }
@@ -109,6 +109,13 @@ public:
     // empty. Spares a copy of every payload when a receiver files the parts it reads.
     nk_telegramPart* detach();
 
+    // The payload as a blob of its own. A part whose bytes live in its telegram's content
+    // (see host) gets them copied into its own blob the first time this is asked for.
+    tBlob* payload() override;
+    // The payload bytes wherever they live, without making a copy.
+    unsigned char const* payloadBytes() const;
+    unsigned int payloadLength() const;
+
     // Appends one frame to out; false (and nothing appended) if out is null or the frame
     // would not fit a blob.
     bool serialize(tBlob* out);
@@ -124,10 +131,20 @@ public:
     bool streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex);
 
 private:
+    friend class nk_telegram;
     bool readBody(tBlob& body);
+    // Makes the bytes [offset, offset + length) of host this part's payload without copying
+    // them; host must outlive the part or the part must stop using it (payload() copies).
+    void host(tBlob const* host, unsigned int offset, unsigned int length);
+    void copyHostedBytes();
 
     unsigned int m_u32PartId;
     tePartInfo m_ePartInfo;
+    // A telegram cut into parts keeps its content in one blob and each part names its
+    // range, so cutting copies nothing; null when the part owns its payload.
+    tBlob const* m_pHost = nullptr;
+    unsigned int m_u32HostOffset = 0;
+    unsigned int m_u32HostLength = 0;
 };
 
 // A whole telegram. Outgoing: the content, compressed when that pays, cut into parts,

@@ -63,6 +63,7 @@ nk_telegram::nk_telegram(nk_telegramPart* first, bool takePayload)
 
 nk_telegram::~nk_telegram()
 {
+    // Before the payload they may be hosted by goes with the base class.
     for (nk_telegramPart* p : m_parts) delete p;
 }
 
@@ -105,19 +106,21 @@ void nk_telegram::split(tBlob* work)
         m_parts.push_back(only);
         return;
     }
+    // Many parts: the telegram keeps the content and each part names its range of it, so
+    // cutting copies nothing; the frames are encoded from the content itself.
+    m_pPayload->swap(*work);
+    work->clear();
     m_parts.reserve(total / maxPayload + 1);
-    unsigned char const* bytes = work->getBuffer();
     unsigned int partId = 0;
     for (unsigned int offset = 0; offset < total;) {
         const unsigned int left = total - offset;
         const unsigned int length = left < maxPayload ? left : maxPayload;
         nk_telegramPart* part = new nk_telegramPart(m_u32Id, m_u32Src, m_u32Dest, ++partId, m_u32Timestamp,
                                                     left <= maxPayload, nullptr, m_eType, m_eCompression);
-        part->payload()->append(bytes + offset, length);
+        part->host(m_pPayload, offset, length);
         m_parts.push_back(part);
         offset += length;
     }
-    work->clear();
 }
 
 bool nk_telegram::send(nk_server* server, void* ctx, tSendFcn sendFn)
@@ -251,6 +254,9 @@ bool nk_telegram::isCorrupt()
 
 tBlob* nk_telegram::getCompleteContent()
 {
+    // Parts cut from this telegram's own content take their bytes before it is rebuilt.
+    for (nk_telegramPart* p : m_parts)
+        if (p && p->m_pHost == m_pPayload) p->copyHostedBytes();
     m_pPayload->clear();
     uint64_t total = 0;
     for (nk_telegramPart* p : m_parts) {

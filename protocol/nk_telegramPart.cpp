@@ -72,6 +72,8 @@ nk_telegramPart::nk_telegramPart(nk_telegramPart* other)
     if (!other) return;
     m_u32PartId = other->m_u32PartId;
     m_ePartInfo = other->m_ePartInfo;
+    // The copy owns its bytes: it may outlive the telegram that holds other's.
+    if (other->m_pHost) m_pPayload->append(other->payloadBytes(), other->payloadLength());
 }
 
 nk_telegramPart::nk_telegramPart(unsigned int id, unsigned int src, unsigned int dest, unsigned int partId,
@@ -93,9 +95,48 @@ tString nk_telegramPart::partInfo(tePartInfo info)
     return tString("invalid");
 }
 
+void nk_telegramPart::host(tBlob const* host, unsigned int offset, unsigned int length)
+{
+    m_pPayload->clear();
+    m_pHost = host;
+    m_u32HostOffset = offset;
+    m_u32HostLength = length;
+}
+
+unsigned char const* nk_telegramPart::payloadBytes() const
+{
+    if (!m_pHost) return static_cast<tBlob const*>(m_pPayload)->getBuffer();
+    return m_pHost->getBuffer() + m_u32HostOffset;
+}
+
+unsigned int nk_telegramPart::payloadLength() const
+{
+    if (!m_pHost) return m_pPayload->size();
+    // A host that shrank under the part (only a caller writing into a telegram's own
+    // payload can do that) leaves it nothing to read beyond the end.
+    const unsigned int hostSize = m_pHost->size();
+    if (m_u32HostOffset >= hostSize) return 0;
+    return hostSize - m_u32HostOffset < m_u32HostLength ? hostSize - m_u32HostOffset : m_u32HostLength;
+}
+
+void nk_telegramPart::copyHostedBytes()
+{
+    if (!m_pHost) return;
+    tBlob own(payloadBytes(), payloadLength());
+    m_pHost = nullptr;
+    m_pPayload->swap(own);
+}
+
+tBlob* nk_telegramPart::payload()
+{
+    copyHostedBytes();
+    return m_pPayload;
+}
+
 tBlob* nk_telegramPart::isSinglePartTelegram()
 {
     if (!isLastPart() || m_u32PartId != 1) return nullptr;
+    copyHostedBytes();
     deCompress();
     return m_pPayload;
 }
@@ -111,21 +152,23 @@ nk_telegramPart* nk_telegramPart::detach()
     p->m_eCompression = m_eCompression;
     p->m_u32PartId = m_u32PartId;
     p->m_ePartInfo = m_ePartInfo;
+    // The new part may outlive whatever hosts these bytes: it gets a copy of its own.
+    copyHostedBytes();
     p->m_pPayload->swap(*m_pPayload);
     return p;
 }
 
 unsigned int nk_telegramPart::serializedSize() const
 {
-    uint64_t n = frameBytes(m_pPayload->size());
+    uint64_t n = frameBytes(payloadLength());
     return n > 0xFFFFFFFFu ? 0 : static_cast<unsigned int>(n);
 }
 
 bool nk_telegramPart::serialize(tBlob* out)
 {
     if (!out) return false;
-    const unsigned int payloadLength = m_pPayload->size();
-    const uint64_t total = frameBytes(payloadLength);
+    const unsigned int length = payloadLength();
+    const uint64_t total = frameBytes(length);
     if (total + out->size() > 0xFFFFFFFFu) return false;
 
     unsigned char header[kHeaderBytes];
@@ -137,17 +180,17 @@ bool nk_telegramPart::serialize(tBlob* out)
     // The three fields sit in disjoint bits; '+' and '|' give the same byte.
     header[20] = static_cast<unsigned char>((m_eType & kTypeMask) | (m_ePartInfo & kPartInfoMask) |
                                             (m_eCompression & kCompressionMask));
-    nk::writeLE<uint32_t>(header + 21, payloadLength);
-    unsigned char const* payload = m_pPayload->getBuffer();
+    nk::writeLE<uint32_t>(header + 21, length);
+    unsigned char const* payload = payloadBytes();
     unsigned char crc = crc_crc8init(header, kHeaderBytes);
-    crc = crc_crc8update(crc, payload, payloadLength);
+    crc = crc_crc8update(crc, payload, length);
 
     const unsigned int start = out->size();
     unsigned char* frame = out->resize(start + static_cast<unsigned int>(total)) + start;
     frame[0] = kFrameStart;
     tBase128Writer writer(frame + 1);
     writer.feed(header, kHeaderBytes);
-    writer.feed(payload, payloadLength);
+    writer.feed(payload, length);
     writer.feed(&crc, kCrcBytes);
     *writer.finish() = kFrameEnd;
     return true;
@@ -203,17 +246,18 @@ bool nk_telegramPart::readBody(tBlob& body)
     if (n - at < 1) return false;
     flags = b[at++];
     m_pPayload->clear();
-    unsigned int payloadLength = 0;
-    if (!u32(payloadLength)) return false;
+    m_pHost = nullptr;
+    unsigned int length = 0;
+    if (!u32(length)) return false;
     // Refused before anything is allocated or moved for it.
-    if (payloadLength > n - at) return false;
+    if (length > n - at) return false;
     m_eType = static_cast<teType>(flags & kTypeMask);
     m_ePartInfo = static_cast<tePartInfo>(flags & kPartInfoMask);
     m_eCompression = static_cast<teCompression>(flags & kCompressionMask);
     // The decoded body becomes the payload without a copy: drop the header in front and
     // whatever follows the payload (the CRC byte).
     body.slice(at);
-    body.resize(payloadLength);
+    body.resize(length);
     m_pPayload->swap(body);
     return true;
 }

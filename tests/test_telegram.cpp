@@ -4,6 +4,7 @@
 
 #include "test_helpers.h"
 
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -119,6 +120,46 @@ TEST(Telegram, SplitsAtTheMaximumPayloadSize)
     EXPECT_TRUE(none.send(nullptr, &link, linkSend));
     EXPECT_TRUE(none.hasBeenSend());
     EXPECT_EQ(link.calls, 0u);
+}
+
+TEST(Telegram, PartsOfLargeContentAreRangesOfItAndOwnTheirBytesWhenTakenAway)
+{
+    MaxPayload limit(1000);
+    const tBlob original = randomBlob(2501, 6);
+    tBlob content(original);
+    std::unique_ptr<nk_telegram> t(new nk_telegram(8, 1, 2, &content, nullptr, nullptr, false, nullptr, true));
+    ASSERT_EQ(t->partCount(), 3u);
+    // Cutting copied nothing: the parts' bytes lie back to back in one buffer.
+    for (unsigned int i = 1; i < 3; ++i)
+        EXPECT_EQ(t->part(i)->payloadBytes(), t->part(0)->payloadBytes() + 1000 * i);
+
+    // The frames are those of parts that own the same bytes.
+    tBlob frames, expected;
+    for (unsigned int i = 0; i < 3; ++i) {
+        nk_telegramPart* p = t->part(i);
+        tBlob bytes(original.getBuffer() + 1000 * i, i == 2 ? 501 : 1000);
+        P own(8, 1, 2, i + 1, p->timestamp(), i == 2, &bytes, p->type(), p->compression());
+        own.serialize(&expected);
+        EXPECT_EQ(p->serializedSize(), own.serializedSize());
+        ASSERT_TRUE(p->serialize(&frames));
+    }
+    EXPECT_EQ(frames, expected);
+
+    // A part taken out of the telegram keeps its bytes after the telegram is gone; a part
+    // changed through its payload sends the change, and only in its own frame.
+    std::unique_ptr<P> copy(new P(t->part(0)));
+    std::unique_ptr<P> detached(t->part(1)->detach());
+    EXPECT_EQ(t->part(1)->payloadLength(), 0u);
+    t->part(2)->payload()->getBuffer()[0] ^= 0xFF;
+    tBlob changed;
+    t->part(2)->serialize(&changed);
+    P read;
+    ASSERT_TRUE(read.streamContainsTelegram(&changed));
+    EXPECT_EQ(read.payload()->getBuffer()[0], original.getBuffer()[2000] ^ 0xFF);
+    EXPECT_EQ(tBlob(read.payload()->getBuffer() + 1, 500), tBlob(original.getBuffer() + 2001, 500));
+    t.reset();
+    EXPECT_EQ(*copy->payload(), tBlob(original.getBuffer(), 1000));
+    EXPECT_EQ(*detached->payload(), tBlob(original.getBuffer() + 1000, 1000));
 }
 
 TEST(Telegram, CompressionIsChosenByTheSmallerStrictlyShorterForm)

@@ -7,13 +7,26 @@
 
 #include "nkSupportExport.h"
 
+// Asks the system to back the whole 2 MiB pages inside [p, p + bytes) with huge pages
+// where it can (Linux transparent huge pages in "madvise" mode); nothing elsewhere.
+NKS_API void nk_adviseLargeBuffer(void* p, std::size_t bytes);
+
 // Leaves new bytes uninitialised on resize: buffers are sized once and then filled, so
-// zeroing them first would be a wasted pass over every large payload.
+// zeroing them first would be a wasted pass over every large payload. Large buffers are
+// advised as huge pages: a fresh 64 MiB buffer then costs 32 page faults instead of 16,384,
+// which on a virtual machine is most of the time of a first large transfer.
 template <typename T>
 struct tDefaultInitAllocator : std::allocator<T>
 {
     template <typename U> struct rebind { using other = tDefaultInitAllocator<U>; };
     using std::allocator<T>::allocator;
+    static const std::size_t kLargeBytes = std::size_t(4) << 20;
+    T* allocate(std::size_t n)
+    {
+        T* p = std::allocator<T>::allocate(n);
+        if (n * sizeof(T) >= kLargeBytes) nk_adviseLargeBuffer(p, n * sizeof(T));
+        return p;
+    }
     template <typename U> void construct(U* p) { ::new (static_cast<void*>(p)) U; }
     template <typename U, typename... A> void construct(U* p, A&&... a)
     {

@@ -1,7 +1,26 @@
 #include "tBlob.h"
 
+#include <cstdint>
 #include <cstring>
 #include <utility>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
+void nk_adviseLargeBuffer(void* p, std::size_t bytes)
+{
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    const std::uintptr_t huge = std::uintptr_t(2) << 20;
+    const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(p) + huge - 1) & ~(huge - 1);
+    const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(p) + bytes) & ~(huge - 1);
+    // Advice only: a kernel without huge pages refuses it and the buffer works as before.
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#else
+    (void)p;
+    (void)bytes;
+#endif
+}
 
 tBlob::tBlob(tBlob const* other)
 {
