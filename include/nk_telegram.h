@@ -129,20 +129,31 @@ public:
     // The same for a caller that already knows the indices of the stream's first start
     // byte and first end byte, so the stream is not searched again.
     bool streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex);
+    // The same, but the payload is decoded straight onto the end of appendTo and this part
+    // names that range instead of owning a copy (appendTo must outlive the part's use of
+    // it); an invalid frame leaves appendTo as it was. For a receiver that joins parts.
+    bool streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo);
+    // Reads only the header of the frame between the two indices into this part (address,
+    // ids, time stamp, flags), leaving the stream and the payload alone: a receiver can then
+    // choose where the payload goes before decoding it. False when the frame is too short
+    // to hold a header; the frame is not checked, streamContainsTelegram does that.
+    bool peekHeader(tBlob const* stream, unsigned int startIndex, unsigned int endIndex);
 
 private:
     friend class nk_telegram;
     bool readBody(tBlob& body);
     // Makes the bytes [offset, offset + length) of host this part's payload without copying
     // them; host must outlive the part or the part must stop using it (payload() copies).
-    void host(tBlob const* host, unsigned int offset, unsigned int length);
+    void host(tBlob* host, unsigned int offset, unsigned int length);
     void copyHostedBytes();
+    unsigned int hostedReadable() const;
+    bool readHeader(unsigned char const* b, unsigned int n, unsigned int& payloadLength);
 
     unsigned int m_u32PartId;
     tePartInfo m_ePartInfo;
     // A telegram cut into parts keeps its content in one blob and each part names its
     // range, so cutting copies nothing; null when the part owns its payload.
-    tBlob const* m_pHost = nullptr;
+    tBlob* m_pHost = nullptr;
     unsigned int m_u32HostOffset = 0;
     unsigned int m_u32HostLength = 0;
 };
@@ -197,6 +208,12 @@ public:
     bool addTelegramPart(nk_telegramPart* part);
     // As addTelegramPart, but the payload bytes are moved out of part instead of copied.
     bool adoptTelegramPart(nk_telegramPart* part);
+    // Incoming: where the payload of part partId is to be decoded when that part continues
+    // the parts filed so far, all in order and joined in this telegram's payload (see
+    // nk_telegramPart::streamContainsTelegram with appendTo); null when it does not, and
+    // the part then brings a payload of its own. Joined in place, a complete telegram's
+    // content needs no further copy.
+    tBlob* joinedContentFor(unsigned int partId);
     bool lastPartPresent() const;
     bool isCorrupt();
     tBlob* getCompleteContent();
@@ -211,6 +228,7 @@ private:
     void split(tBlob* work);
     bool isDuplicate(nk_telegramPart* part);
     void filed(nk_telegramPart* part);
+    void giveBackJoinedBytes(nk_telegramPart* part);
 
     tVector<nk_telegramPart*> m_parts;
     bool m_bSent;
@@ -220,6 +238,9 @@ private:
     void* m_pUserData;
     bool m_bCompressionAllowed;
     unsigned char m_u8SendRetries;
+    // Incoming: parts are joined in the payload as they arrive while every part filed
+    // continues the ones before it; outgoing telegrams keep their parts' content there.
+    bool m_bIncoming;
     // Highest part id filed so far: parts arrive in order, so a higher id cannot be a
     // duplicate and needs no look-up.
     unsigned int m_u32HighestPartId;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace
@@ -20,6 +21,29 @@ void eraseNulls(tVector<T*>& list)
 {
     list.erase(std::remove(list.begin(), list.end(), static_cast<T*>(nullptr)), list.end());
 }
+
+// A lock that can be given back before the end of its scope.
+class HeldLock
+{
+public:
+    HeldLock() = default;
+    HeldLock(HeldLock const&) = delete;
+    HeldLock& operator=(HeldLock const&) = delete;
+    ~HeldLock() { release(); }
+    void take(tCriticalSection& cs)
+    {
+        cs.enter(nullptr);
+        m_cs = &cs;
+    }
+    void release()
+    {
+        if (m_cs) m_cs->leave();
+        m_cs = nullptr;
+    }
+
+private:
+    tCriticalSection* m_cs = nullptr;
+};
 
 std::tuple<unsigned int, unsigned int, unsigned int> contextKey(nk_basicTelegram const* t)
 {
@@ -259,13 +283,39 @@ bool nk_protocol::frameMayBeReady()
     return m_u32FirstStart != kNotFound && m_u32FirstEnd != kNotFound && m_u32FirstEnd > m_u32FirstStart;
 }
 
+tBlob* nk_protocol::joinTarget(nk_telegramPart& part)
+{
+    const unsigned int dest = part.destinationAddress();
+    if (dest != nk_basicTelegram::ADDRESS_BROADCAST && dest != m_u32OwnAddress) return nullptr;
+    if (part.partId() == 1 && part.isLastPart()) return nullptr;  // a whole telegram in one frame
+    auto entry = m_incomingIndex.find(contextKey(&part));
+    if (entry != m_incomingIndex.end()) return m_incoming[entry->second]->joinedContentFor(part.partId());
+    if (part.partId() != 1) return nullptr;
+    // The first part of a new context: decoded into storage a previous large telegram left,
+    // or into the scratch blob; the new context takes the storage over.
+    tBlob* storage = m_pContentSpare ? m_pContentSpare : &m_joinScratch;
+    storage->clear();
+    return storage;
+}
+
 void nk_protocol::parseStream()
 {
     nk_telegramPart part;
     // Deliberate: the loop ends at the first invalid frame, and frames behind it wait for
     // the next bytes to arrive. Peers see the same pacing from every implementation.
     while (frameMayBeReady()) {
-        const bool valid = part.streamContainsTelegram(m_pStream, m_u32FirstStart, m_u32FirstEnd);
+        // A part that continues an open context in order is decoded straight onto the end of
+        // the context's joined content. The context must not go away meanwhile: other
+        // threads may set limits that drop contexts, so the incoming lock stays held from
+        // the look-up until the part is filed.
+        HeldLock incomingLock;
+        tBlob* target = nullptr;
+        if (part.peekHeader(m_pStream, m_u32FirstStart, m_u32FirstEnd)) {
+            incomingLock.take(m_csIncoming);
+            target = joinTarget(part);
+            if (!target) incomingLock.release();
+        }
+        const bool valid = part.streamContainsTelegram(m_pStream, m_u32FirstStart, m_u32FirstEnd, target);
         m_u32Searched = 0;
         m_u32FirstStart = m_u32FirstEnd = kNotFound;
         if (!valid) break;
@@ -291,12 +341,20 @@ void nk_protocol::parseStream()
         } else {
             // The scratch part is refilled by the next frame, so its payload can be moved.
             content = fileMultiPart(&part, &complete, true);
+            if (target == m_pContentSpare && m_pContentSpare && m_pContentSpare->size() == 0) {
+                // A new context took the spare storage over (and left it its empty one).
+                delete m_pContentSpare;
+                m_pContentSpare = nullptr;
+            }
             if (!content) {
                 log("received telegram with multiple parts - incomplete (tlg-id: %u)", id);
                 continue;
             }
             log("received telegram with multiple parts - complete (tlg-id: %u)", id);
         }
+        incomingLock.release();
+        // Deleted here too if a callback throws.
+        std::unique_ptr<nk_telegram> handled(complete);
 
         if (part.isResponse()) {
             handleResponse(part, content);
@@ -309,7 +367,7 @@ void nk_protocol::parseStream()
             else
                 log("no response to request required");
         }
-        if (complete) removeHandled(complete, id);
+        if (complete) removeHandled(handled.release(), id);
     }
 }
 
@@ -337,25 +395,17 @@ void nk_protocol::handleResponse(nk_telegramPart& part, tBlob* content)
 
 void nk_protocol::removeHandled(nk_telegram* complete, unsigned int id)
 {
-    bool found = false;
-    {
-        tCriticalSectionLock lock(m_csIncoming);
-        auto entry = m_incomingIndex.find(contextKey(complete));
-        if (entry != m_incomingIndex.end() && m_incoming[entry->second] == complete) {
-            log("telegram handled, remove it (tlg-id: %d)", id);
-            keepContentStorage(complete);
-            dropIncoming(entry->second);
-            found = true;
-        }
-    }
-    if (!found) log("telegram handled, but can't remove it (tlg-id: %d)", id);
+    // The telegram left the open contexts when it completed (see fileMultiPart).
+    log("telegram handled, remove it (tlg-id: %d)", id);
+    keepContentStorage(complete);
+    delete complete;
 }
 
 void nk_protocol::keepContentStorage(nk_telegram* complete)
 {
     uint64_t joined = 0;
     for (unsigned int i = 0; i < complete->partCount(); ++i)
-        if (nk_telegramPart* p = complete->part(i)) joined += p->payload()->size();
+        if (nk_telegramPart* p = complete->part(i)) joined += p->payloadLength();
     if (joined <= kLargeBuffer) return;
     // Whatever the receive callback left in the content is of no further use.
     if (!m_pContentSpare) m_pContentSpare = new tBlob();
@@ -374,7 +424,7 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
     if (!part) return nullptr;
     if (complete) *complete = nullptr;
     tCriticalSectionLock lock(m_csIncoming);
-    const unsigned int partBytes = part->payload()->size();
+    const unsigned int partBytes = part->payloadLength();
     auto entry = m_incomingIndex.find(contextKey(part));
     if (entry != m_incomingIndex.end()) {
         const std::size_t index = entry->second;
@@ -392,7 +442,7 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
             dropIncoming(index);
             return nullptr;
         }
-        if (takePayload && m_pContentSpare) {
+        if (takePayload && m_pContentSpare && t->payload()->size() == 0) {
             // The telegram's own payload is replaced by the joined content: give it storage
             // that a previous large telegram left, so joining maps no fresh pages.
             t->payload()->swap(*m_pContentSpare);
@@ -407,6 +457,12 @@ tBlob* nk_protocol::fileMultiPart(nk_telegramPart* part, nk_telegram** complete,
         }
         log("received telegram is now complete (tlg.-id: %u, content: %d bytes)", t->telegramId(), content->size());
         if (complete) *complete = t;
+        if (takePayload) {
+            // Handed to the polling thread, which removes it once handled: from here on it is
+            // no open context, so bounds that another thread sets cannot drop it while the
+            // receive callback reads its content.
+            releaseIncoming(index);
+        }
         return content;
     }
     // Deliberate: the first part of a new context is never checked for completeness.
@@ -447,15 +503,20 @@ void nk_protocol::keepIncomingWithinLimits()
     }
 }
 
-void nk_protocol::dropIncoming(std::size_t index)
+nk_telegram* nk_protocol::releaseIncoming(std::size_t index)
 {
-    nk_telegram*& t = m_incoming[index];
+    nk_telegram* t = m_incoming[index];
     m_incomingIndex.erase(contextKey(t));
     for (unsigned int i = 0; i < t->partCount(); ++i)
-        if (nk_telegramPart* p = t->part(i)) m_incomingBytes -= p->payload()->size();
-    delete t;
-    t = nullptr;
+        if (nk_telegramPart* p = t->part(i)) m_incomingBytes -= p->payloadLength();
+    m_incoming[index] = nullptr;
     ++m_incomingHoles;
+    return t;
+}
+
+void nk_protocol::dropIncoming(std::size_t index)
+{
+    delete releaseIncoming(index);
 }
 
 void nk_protocol::eraseDeletedTelegrams_TS()

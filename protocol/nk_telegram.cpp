@@ -28,7 +28,8 @@ nk_telegram::nk_telegram(unsigned int id, unsigned int src, unsigned int dest, t
     : nk_basicTelegram(src, dest, id, static_cast<unsigned int>(tTime::now()),
                        isResponse ? TYPE_RESPONSE : (callback ? TYPE_REQUEST_FORCE_RESPONSE : TYPE_REQUEST_NO_RESPONSE)),
       m_bSent(false), m_pCallback(callback), m_pContext(context), m_i64Timeout_s(kDefaultTimeout_s),
-      m_pUserData(userData), m_bCompressionAllowed(allowCompression), m_u8SendRetries(0), m_u32HighestPartId(0)
+      m_pUserData(userData), m_bCompressionAllowed(allowCompression), m_u8SendRetries(0), m_bIncoming(false),
+      m_u32HighestPartId(0)
 {
     tBlob compressed;
     if (checkCompression(content, &compressed))
@@ -40,9 +41,11 @@ nk_telegram::nk_telegram(unsigned int id, unsigned int src, unsigned int dest, t
 nk_telegram::nk_telegram(nk_telegramPart* first)
     : nk_basicTelegram(first), m_bSent(false), m_pCallback(nullptr), m_pContext(nullptr),
       m_i64Timeout_s(kDefaultTimeout_s), m_pUserData(nullptr), m_bCompressionAllowed(true), m_u8SendRetries(0),
-      m_u32HighestPartId(0)
+      m_bIncoming(true), m_u32HighestPartId(0)
 {
     if (!first) return;
+    // The header's copy took the payload a part owns; one that names a range gives its bytes.
+    if (first->m_pHost) m_pPayload->append(first->payloadBytes(), first->hostedReadable());
     m_parts.push_back(new nk_telegramPart(first));
     m_u32HighestPartId = first->partId();
 }
@@ -57,7 +60,20 @@ nk_telegram::nk_telegram(nk_telegramPart* first, bool takePayload)
     m_u32Timestamp = first->timestamp();
     m_eType = first->type();
     m_eCompression = first->compression();
-    m_parts.push_back(first->detach());
+    if (first->m_pHost && first->partId() == 1) {
+        // Decoded straight into a blob of the receiver's: that blob's storage becomes the
+        // joined content, and the part names its range in it.
+        tBlob* joined = first->m_pHost;
+        const unsigned int offset = first->m_u32HostOffset, length = first->m_u32HostLength;
+        m_pPayload->swap(*joined);
+        joined->clear();
+        first->m_pHost = nullptr;
+        nk_telegramPart* filedPart = first->detach();
+        filedPart->host(m_pPayload, offset, length);
+        m_parts.push_back(filedPart);
+    } else {
+        m_parts.push_back(first->detach());
+    }
     m_u32HighestPartId = first->partId();
 }
 
@@ -217,10 +233,43 @@ bool nk_telegram::addTelegramPart(nk_telegramPart* part)
     return true;
 }
 
+void nk_telegram::giveBackJoinedBytes(nk_telegramPart* part)
+{
+    if (part->m_pHost != m_pPayload) return;
+    if (part->m_u32HostOffset + part->m_u32HostLength == m_pPayload->size()) m_pPayload->resize(part->m_u32HostOffset);
+    part->m_pHost = nullptr;
+}
+
+tBlob* nk_telegram::joinedContentFor(unsigned int partId)
+{
+    if (!m_bIncoming || m_parts.empty() || partId != m_u32HighestPartId + 1 || m_u32HighestPartId == 0xFFFFFFFFu)
+        return nullptr;
+    // Every part so far must lie in the payload, in order and back to back.
+    nk_telegramPart* last = m_parts.back();
+    if (!last || last->m_pHost != m_pPayload || last->partId() != m_u32HighestPartId ||
+        m_parts.size() != m_u32HighestPartId ||
+        last->m_u32HostOffset + last->m_u32HostLength != m_pPayload->size())
+        return nullptr;
+    return m_pPayload;
+}
+
 bool nk_telegram::adoptTelegramPart(nk_telegramPart* part)
 {
-    if (!part || isDuplicate(part)) return false;
-    m_parts.push_back(part->detach());
+    if (!part) return false;
+    if (isDuplicate(part)) {
+        giveBackJoinedBytes(part);
+        return false;
+    }
+    if (part->m_pHost == m_pPayload) {
+        // Joined in place: the filed part names its range; the caller's part lets go of it.
+        const unsigned int offset = part->m_u32HostOffset, length = part->m_u32HostLength;
+        part->m_pHost = nullptr;
+        nk_telegramPart* filedPart = part->detach();
+        filedPart->host(m_pPayload, offset, length);
+        m_parts.push_back(filedPart);
+    } else {
+        m_parts.push_back(part->detach());
+    }
     filed(m_parts.back());
     return true;
 }
@@ -254,18 +303,26 @@ bool nk_telegram::isCorrupt()
 
 tBlob* nk_telegram::getCompleteContent()
 {
-    // Parts cut from this telegram's own content take their bytes before it is rebuilt.
-    for (nk_telegramPart* p : m_parts)
-        if (p && p->m_pHost == m_pPayload) p->copyHostedBytes();
-    m_pPayload->clear();
+    // Parts cut from an outgoing telegram's content keep their bytes: it is rebuilt below.
+    if (!m_bIncoming)
+        for (nk_telegramPart* p : m_parts)
+            if (p && p->m_pHost == m_pPayload) p->copyHostedBytes();
     uint64_t total = 0;
+    bool joinedInPlace = m_bIncoming;
     for (nk_telegramPart* p : m_parts) {
         if (!p) return nullptr;
-        total += p->payload()->size();
+        if (p->m_pHost != m_pPayload || p->m_u32HostOffset != total) joinedInPlace = false;
+        total += p->payloadLength();
     }
     if (total > 0xFFFFFFFFu) return nullptr;
-    m_pPayload->reserve(static_cast<unsigned int>(total));
-    for (nk_telegramPart* p : m_parts) m_pPayload->append(*p->payload());
+    if (!joinedInPlace || total != m_pPayload->size()) {
+        // Parts that came out of order, or some with bytes of their own: joined into new
+        // storage (reading those that lie in the payload before it is replaced).
+        tBlob joined;
+        joined.reserve(static_cast<unsigned int>(total));
+        for (nk_telegramPart* p : m_parts) joined.append(p->payloadBytes(), p->m_pHost ? p->hostedReadable() : p->payloadLength());
+        m_pPayload->swap(joined);
+    }
     deCompress();
     return m_pPayload;
 }

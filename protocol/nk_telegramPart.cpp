@@ -73,7 +73,7 @@ nk_telegramPart::nk_telegramPart(nk_telegramPart* other)
     m_u32PartId = other->m_u32PartId;
     m_ePartInfo = other->m_ePartInfo;
     // The copy owns its bytes: it may outlive the telegram that holds other's.
-    if (other->m_pHost) m_pPayload->append(other->payloadBytes(), other->payloadLength());
+    if (other->m_pHost) m_pPayload->append(other->payloadBytes(), other->hostedReadable());
 }
 
 nk_telegramPart::nk_telegramPart(unsigned int id, unsigned int src, unsigned int dest, unsigned int partId,
@@ -95,7 +95,7 @@ tString nk_telegramPart::partInfo(tePartInfo info)
     return tString("invalid");
 }
 
-void nk_telegramPart::host(tBlob const* host, unsigned int offset, unsigned int length)
+void nk_telegramPart::host(tBlob* host, unsigned int offset, unsigned int length)
 {
     m_pPayload->clear();
     m_pHost = host;
@@ -106,14 +106,20 @@ void nk_telegramPart::host(tBlob const* host, unsigned int offset, unsigned int 
 unsigned char const* nk_telegramPart::payloadBytes() const
 {
     if (!m_pHost) return static_cast<tBlob const*>(m_pPayload)->getBuffer();
-    return m_pHost->getBuffer() + m_u32HostOffset;
+    return static_cast<tBlob const*>(m_pHost)->getBuffer() + (hostedReadable() ? m_u32HostOffset : 0);
 }
 
 unsigned int nk_telegramPart::payloadLength() const
 {
-    if (!m_pHost) return m_pPayload->size();
-    // A host that shrank under the part (only a caller writing into a telegram's own
-    // payload can do that) leaves it nothing to read beyond the end.
+    // A hosted part keeps its length when its host has moved on (a joined content that was
+    // decoded or handed to the receive callback): the engine counts parts by it.
+    return m_pHost ? m_u32HostLength : m_pPayload->size();
+}
+
+unsigned int nk_telegramPart::hostedReadable() const
+{
+    // Only as far as the host still reaches: a caller that shrinks a telegram's own payload
+    // must not make its parts read beyond the end.
     const unsigned int hostSize = m_pHost->size();
     if (m_u32HostOffset >= hostSize) return 0;
     return hostSize - m_u32HostOffset < m_u32HostLength ? hostSize - m_u32HostOffset : m_u32HostLength;
@@ -122,7 +128,7 @@ unsigned int nk_telegramPart::payloadLength() const
 void nk_telegramPart::copyHostedBytes()
 {
     if (!m_pHost) return;
-    tBlob own(payloadBytes(), payloadLength());
+    tBlob own(payloadBytes(), hostedReadable());
     m_pHost = nullptr;
     m_pPayload->swap(own);
 }
@@ -160,14 +166,14 @@ nk_telegramPart* nk_telegramPart::detach()
 
 unsigned int nk_telegramPart::serializedSize() const
 {
-    uint64_t n = frameBytes(payloadLength());
+    uint64_t n = frameBytes(m_pHost ? hostedReadable() : m_pPayload->size());
     return n > 0xFFFFFFFFu ? 0 : static_cast<unsigned int>(n);
 }
 
 bool nk_telegramPart::serialize(tBlob* out)
 {
     if (!out) return false;
-    const unsigned int length = payloadLength();
+    const unsigned int length = m_pHost ? hostedReadable() : m_pPayload->size();
     const uint64_t total = frameBytes(length);
     if (total + out->size() > 0xFFFFFFFFu) return false;
 
@@ -222,6 +228,84 @@ bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIn
         unsigned char* b = body.resize(bodyLength);
         base128::decode(b, stream->getBuffer() + startIndex + 1, encodedLength);
         if (crc_crc8init(b, bodyLength) == 0) valid = readBody(body);
+    }
+    stream->slice(endIndex + 1);
+    return valid;
+}
+
+bool nk_telegramPart::peekHeader(tBlob const* stream, unsigned int startIndex, unsigned int endIndex)
+{
+    if (!stream || startIndex == 0xFFFFFFFFu || endIndex >= stream->size() ||
+        static_cast<int32_t>(endIndex) <= static_cast<int32_t>(startIndex))
+        return false;
+    const unsigned int encodedLength = endIndex - startIndex - 1;
+    if (base128::decodedSize(encodedLength) < kHeaderBytes) return false;
+    unsigned char header[28];
+    const unsigned int take = encodedLength < 32 ? encodedLength : 32;
+    base128::decode(header, stream->getBuffer() + startIndex + 1, take);
+    unsigned int length = 0;
+    return readHeader(header, kHeaderBytes, length);
+}
+
+bool nk_telegramPart::readHeader(unsigned char const* b, unsigned int n, unsigned int& payloadLength)
+{
+    if (n < kHeaderBytes) return false;
+    m_u32Src = nk::readLE<uint32_t>(b + 0);
+    m_u32Dest = nk::readLE<uint32_t>(b + 4);
+    m_u32Id = nk::readLE<uint32_t>(b + 8);
+    m_u32PartId = nk::readLE<uint32_t>(b + 12);
+    m_u32Timestamp = nk::readLE<uint32_t>(b + 16);
+    const unsigned int flags = b[20];
+    m_eType = static_cast<teType>(flags & kTypeMask);
+    m_ePartInfo = static_cast<tePartInfo>(flags & kPartInfoMask);
+    m_eCompression = static_cast<teCompression>(flags & kCompressionMask);
+    payloadLength = nk::readLE<uint32_t>(b + 21);
+    return true;
+}
+
+bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex,
+                                             tBlob* appendTo)
+{
+    if (!appendTo) return streamContainsTelegram(stream, startIndex, endIndex);
+    if (!stream || stream->size() == 0) return false;
+    if (startIndex == 0xFFFFFFFFu || endIndex >= stream->size() ||
+        static_cast<int32_t>(endIndex) <= static_cast<int32_t>(startIndex))
+        return false;
+    const unsigned int encodedLength = endIndex - startIndex - 1;
+    // Whole 8-byte groups decode to whole 7-byte groups on their own, so the first 32
+    // encoded bytes give the header and the first three payload bytes, and the rest decodes
+    // straight to its place behind them. Frames too short for that take the plain way.
+    if (encodedLength <= 32) {
+        if (!streamContainsTelegram(stream, startIndex, endIndex)) return false;
+        tBlob copy;
+        copy.swap(*m_pPayload);
+        const unsigned int at = appendTo->size();
+        appendTo->append(copy);
+        host(appendTo, at, copy.size());
+        return true;
+    }
+    const unsigned int bodyLength = base128::decodedSize(encodedLength);
+    unsigned char const* encoded = stream->getBuffer() + startIndex + 1;
+    unsigned char head[28];
+    base128::decode(head, encoded, 32);
+    const unsigned int at = appendTo->size();
+    bool valid = false;
+    if (static_cast<uint64_t>(at) + bodyLength <= 0xFFFFFFFFu) {
+        unsigned char* tail = appendTo->resize(at + bodyLength - kHeaderBytes) + at;
+        std::memcpy(tail, head + kHeaderBytes, 28 - kHeaderBytes);
+        base128::decode(tail + 28 - kHeaderBytes, encoded + 32, encodedLength - 32);
+        unsigned char crc = crc_crc8init(head, kHeaderBytes);
+        crc = crc_crc8update(crc, tail, bodyLength - kHeaderBytes);
+        unsigned int length = 0;
+        // As readBody: the length must fit the bytes behind the header.
+        if (crc == 0 && nk::readLE<uint32_t>(head + 21) <= bodyLength - kHeaderBytes) {
+            valid = readHeader(head, kHeaderBytes, length);
+            appendTo->resize(at + length);
+            m_pPayload->clear();
+            host(appendTo, at, length);
+        } else {
+            appendTo->resize(at);
+        }
     }
     stream->slice(endIndex + 1);
     return valid;

@@ -306,6 +306,82 @@ TEST(Protocol, MultiPartContentBothWaysCompressedOrNot)
     EXPECT_EQ(b.engine.incomingTelegrams_TS(), 1u);
 }
 
+// Parts that arrive in order are decoded straight into their context's content; anything
+// else (a damaged frame, parts out of order, contexts interleaved, storage kept from an
+// earlier large telegram) must give exactly the bytes that were sent.
+TEST(Protocol, PartsJoinedAsTheyArriveWhateverComesBetween)
+{
+    Endpoint b(2);
+    b.answer = Endpoint::NOTHING;
+    auto frame = [](tBlob& out, unsigned int id, unsigned int partId, bool last, unsigned int size) {
+        tBlob payload = randomBlob(size, id * 100 + partId);
+        nk_telegramPart part(id, 1, 2, partId, 0, last, &payload, nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE,
+                             nk_basicTelegram::COMPRESSION_NONE);
+        part.serialize(&out);
+    };
+    auto expected = [](unsigned int id, std::vector<unsigned int> const& parts, unsigned int size) {
+        tBlob joined;
+        for (unsigned int partId : parts) joined.append(randomBlob(size, id * 100 + partId));
+        return joined;
+    };
+    auto push = [&b](tBlob const& frames) {
+        b.engine.pushData(const_cast<unsigned char*>(frames.getBuffer()), frames.size());
+        b.poll();
+    };
+
+    // 1, 2 damaged, 3: the damaged frame ends the round and takes nothing into the content;
+    // the good 2 and 3 (last) then complete it.
+    tBlob frames, damaged;
+    frame(frames, 1, 1, false, 500);
+    frame(damaged, 1, 2, false, 500);
+    damaged.getBuffer()[300] ^= 0x01;
+    frames.append(damaged);
+    push(frames);
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 1u);
+    frames.clear();
+    frame(frames, 1, 2, false, 500);
+    frame(frames, 1, 3, true, 500);
+    push(frames);
+    ASSERT_EQ(b.requests.size(), 1u);
+    EXPECT_EQ(b.requests[0].content, expected(1, {1, 2, 3}, 500));
+
+    // Out of order after an in-order start: 1, 2, 4, 3, 5 (last). Two contexts interleaved,
+    // with tiny parts (one and two bytes) among them, and a frame for another address.
+    frames.clear();
+    for (unsigned int partId : {1u, 2u, 4u, 3u, 5u}) {
+        frame(frames, 2, partId, partId == 5, 700);
+        frame(frames, 3, partId == 5 ? 3 : (partId < 3 ? partId : 10), partId == 5, partId);
+    }
+    tBlob stranger = randomBlob(50, 9);
+    nk_telegramPart other(2, 1, 7, 3, 0, false, &stranger, nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE,
+                          nk_basicTelegram::COMPRESSION_NONE);
+    other.serialize(&frames);
+    push(frames);
+    // Context 3 got 1, 2, then 10 twice (the repeat is dropped) and 3 last: the
+    // parts 1, 2, 3 and 10 are there, 4 to 9 missing, so it is corrupt and removed.
+    ASSERT_EQ(b.requests.size(), 2u);
+    EXPECT_EQ(b.requests[1].content, expected(2, {1, 2, 3, 4, 5}, 700));
+    EXPECT_EQ(b.engine.incomingTelegrams_TS(), 0u);
+
+    // Large telegrams one after another: the second is decoded into the storage the first
+    // left, with a single-frame telegram between them.
+    MaxPayload limit(64 * 1024);
+    Endpoint a(1);
+    join(a, b);
+    for (unsigned int round = 0; round < 3; ++round) {
+        tBlob content = randomBlob(300000 + round, 40 + round);
+        const tBlob sent(content);
+        a.engine.enqueue_TS(&content, 2, nullptr, 0, nullptr);
+        tBlob small = randomBlob(20, round);
+        a.engine.enqueue_TS(&small, 2, nullptr, 0, nullptr);
+        a.poll();
+        b.poll();
+        ASSERT_EQ(b.requests.size(), 4u + 2 * round);
+        EXPECT_EQ(b.requests[2 + 2 * round].content, sent);
+        EXPECT_EQ(b.requests[3 + 2 * round].content, randomBlob(20, round));
+    }
+}
+
 TEST(Protocol, ContextsCompletedInOpeningOrderOnePollEachStayWhereTheyAre)
 {
     // Dropped contexts leave holes that are compacted only from time to time: every part

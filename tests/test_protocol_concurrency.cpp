@@ -154,3 +154,70 @@ TEST(ProtocolConcurrency, EveryRequestGetsExactlyOneCallback)
     EXPECT_EQ(c.queuedTelegrams_TS(), 0u);
     g_tally = nullptr;
 }
+
+namespace
+{
+struct Joined
+{
+    std::vector<tBlob> contents;
+};
+
+void keepContent(unsigned int, tBlob* content, void* ctx)
+{
+    static_cast<Joined*>(ctx)->contents.push_back(*content);
+    content->clear();
+}
+
+tBlob patterned(unsigned int id, unsigned int size)
+{
+    tBlob b;
+    unsigned char* p = b.resize(size);
+    for (unsigned int i = 0; i < size; ++i) p[i] = static_cast<unsigned char>(id * 31 + i * 7 + (i >> 8));
+    nk::writeLE<uint32_t>(p, id);  // says which telegram and part the bytes belong to
+    return b;
+}
+}
+
+// Parts are decoded straight into their context's content while other threads tighten and
+// loosen the bounds that drop contexts: a context must never go away under a part being
+// decoded into it, and every telegram that completes must be whole.
+TEST(ProtocolConcurrency, ContextsDroppedByOtherThreadsWhilePartsAreJoined)
+{
+    Joined joined;
+    nk_protocol receiver(2, keepContent, &joined, 60, nullptr, nullptr, nullptr);
+    const unsigned int kTelegrams = 300, kParts = 4, kPartSize = 3000;
+    std::atomic<bool> done{false};
+    std::thread limiter([&] {
+        unsigned int i = 0;
+        while (!done) {
+            receiver.setIncomingLimits_TS(i % 3 == 0 ? 1 : 0, i % 3 == 1 ? 2 * kPartSize : 0);
+            (void)receiver.incomingTelegrams_TS();
+            ++i;
+        }
+    });
+    // Two telegrams at a time, their parts interleaved, one frame per poll.
+    for (unsigned int t = 0; t < kTelegrams; t += 2) {
+        for (unsigned int part = 1; part <= kParts; ++part) {
+            for (unsigned int id = 7000 + t; id < 7002 + t; ++id) {
+                tBlob payload = patterned(id * 10 + part, kPartSize), frame;
+                nk_telegramPart p(id, 1, 2, part, 0, part == kParts, &payload,
+                                  nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE, nk_basicTelegram::COMPRESSION_NONE);
+                p.serialize(&frame);
+                receiver.pushData(frame.getBuffer(), frame.size());
+                receiver.poll(nullptr, nullptr, nullptr, nullptr);
+            }
+        }
+    }
+    done = true;
+    limiter.join();
+    // Some contexts were dropped; each one that completed carries its four parts in order.
+    EXPECT_FALSE(joined.contents.empty());
+    for (tBlob const& content : joined.contents) {
+        ASSERT_EQ(content.size(), kParts * kPartSize);
+        const unsigned int id = nk::readLE<uint32_t>(content.getBuffer()) / 10;
+        tBlob expect;
+        for (unsigned int part = 1; part <= kParts; ++part) expect.append(patterned(id * 10 + part, kPartSize));
+        const bool whole = expect == content;
+        EXPECT_TRUE(whole);
+    }
+}
