@@ -86,7 +86,7 @@ private:
     // Gives the bytes of the largest telegram sent.
     unsigned int sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn);
     void parseStream();
-    tBlob* joinTarget(nk_telegramPart& part);
+    tBlob* joinTarget(nk_telegramPart& part, tBlob& scratch);
     void handleResponse(nk_telegramPart& part, tBlob* content);
     tBlob* fileMultiPart(nk_telegramPart* part, nk_telegram** complete, bool takePayload);
     void dropIncoming(std::size_t index);
@@ -135,9 +135,6 @@ private:
     tBlob* m_pSendBuffer;       // the frames of the telegram being sent
     tBlob* m_pContentSpare;     // storage for the next joined multi-part content
     bool m_bSpareFromThisPoll;
-    // Where the first part of a new context is decoded when no spare storage is kept; the
-    // context takes its bytes over. Touched by the polling thread only.
-    tBlob m_joinScratch;
     unsigned int m_u32StreamPeak;  // the most bytes the stream held since it was released
 };
 

@@ -46,7 +46,7 @@ public:
     unsigned int timestamp() const { return m_u32Timestamp; }
     teType type() const { return m_eType; }
     teCompression compression() const { return m_eCompression; }
-    virtual tBlob* payload() { return m_pPayload; }
+    virtual tBlob* payload() { return ownPayload(); }
 
     bool isResponse() const { return m_eType == TYPE_RESPONSE; }
     bool isRequestWithoutResponse() const { return m_eType == TYPE_REQUEST_NO_RESPONSE; }
@@ -65,6 +65,14 @@ public:
     static unsigned int maxDecodedSize();
 
 protected:
+    // The payload blob is made when first needed: a part whose bytes live elsewhere (and
+    // many incoming parts do) then costs no blob at all.
+    tBlob* ownPayload()
+    {
+        if (!m_pPayload) m_pPayload = new tBlob();
+        return m_pPayload;
+    }
+
     unsigned int m_u32Src;
     unsigned int m_u32Dest;
     unsigned int m_u32Id;
@@ -147,6 +155,7 @@ private:
     void host(tBlob* host, unsigned int offset, unsigned int length);
     void copyHostedBytes();
     unsigned int hostedReadable() const;
+    nk_telegramPart* headerCopy() const;
     bool readHeader(unsigned char const* b, unsigned int n, unsigned int& payloadLength);
 
     unsigned int m_u32PartId;

@@ -7,14 +7,14 @@
 
 nk_basicTelegram::nk_basicTelegram()
     : m_u32Src(ADDRESS_NONE), m_u32Dest(ADDRESS_NONE), m_u32Id(0), m_u32Timestamp(0),
-      m_eType(static_cast<teType>(0)), m_eCompression(COMPRESSION_NONE), m_pPayload(new tBlob())
+      m_eType(static_cast<teType>(0)), m_eCompression(COMPRESSION_NONE), m_pPayload(nullptr)
 {
 }
 
 nk_basicTelegram::nk_basicTelegram(unsigned int src, unsigned int dest, unsigned int id, unsigned int timestamp,
                                    teType type)
     : m_u32Src(src), m_u32Dest(dest), m_u32Id(id), m_u32Timestamp(timestamp), m_eType(type),
-      m_eCompression(COMPRESSION_NONE), m_pPayload(new tBlob())
+      m_eCompression(COMPRESSION_NONE), m_pPayload(nullptr)
 {
 }
 
@@ -27,7 +27,7 @@ nk_basicTelegram::nk_basicTelegram(nk_basicTelegram* other) : nk_basicTelegram()
     m_u32Timestamp = other->m_u32Timestamp;
     m_eType = other->m_eType;
     m_eCompression = other->m_eCompression;
-    m_pPayload->append(*other->m_pPayload);
+    if (other->m_pPayload && other->m_pPayload->size() != 0) ownPayload()->append(*other->m_pPayload);
 }
 
 nk_basicTelegram::~nk_basicTelegram()
@@ -70,15 +70,16 @@ void nk_basicTelegram::deCompress()
     // Both forms announce the decoded length first: a length over the limit is refused
     // before anything is allocated, like a damaged form.
     const unsigned int limit = maxDecodedSize();
-    if (limit != 0 && m_pPayload->size() >= 4 && nk::readLE<uint32_t>(m_pPayload->getBuffer()) > limit) {
-        m_pPayload->clear();
+    tBlob* payload = ownPayload();
+    if (limit != 0 && payload->size() >= 4 && nk::readLE<uint32_t>(payload->getBuffer()) > limit) {
+        payload->clear();
         return;
     }
     tBlob decoded;
     // A damaged form decodes to nothing: the content is then empty.
     if (m_eCompression == COMPRESSION_RLE)
-        tCompression::decodeRLE(*m_pPayload, decoded);
+        tCompression::decodeRLE(*payload, decoded);
     else
-        tCompression::decodeHuffman(*m_pPayload, decoded);
-    m_pPayload->swap(decoded);
+        tCompression::decodeHuffman(*payload, decoded);
+    payload->swap(decoded);
 }

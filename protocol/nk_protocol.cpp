@@ -283,7 +283,7 @@ bool nk_protocol::frameMayBeReady()
     return m_u32FirstStart != kNotFound && m_u32FirstEnd != kNotFound && m_u32FirstEnd > m_u32FirstStart;
 }
 
-tBlob* nk_protocol::joinTarget(nk_telegramPart& part)
+tBlob* nk_protocol::joinTarget(nk_telegramPart& part, tBlob& scratch)
 {
     const unsigned int dest = part.destinationAddress();
     if (dest != nk_basicTelegram::ADDRESS_BROADCAST && dest != m_u32OwnAddress) return nullptr;
@@ -292,8 +292,8 @@ tBlob* nk_protocol::joinTarget(nk_telegramPart& part)
     if (entry != m_incomingIndex.end()) return m_incoming[entry->second]->joinedContentFor(part.partId());
     if (part.partId() != 1) return nullptr;
     // The first part of a new context: decoded into storage a previous large telegram left,
-    // or into the scratch blob; the new context takes the storage over.
-    tBlob* storage = m_pContentSpare ? m_pContentSpare : &m_joinScratch;
+    // or into the caller's scratch blob; the new context takes the storage over.
+    tBlob* storage = m_pContentSpare ? m_pContentSpare : &scratch;
     storage->clear();
     return storage;
 }
@@ -301,6 +301,7 @@ tBlob* nk_protocol::joinTarget(nk_telegramPart& part)
 void nk_protocol::parseStream()
 {
     nk_telegramPart part;
+    tBlob scratch;
     // Deliberate: the loop ends at the first invalid frame, and frames behind it wait for
     // the next bytes to arrive. Peers see the same pacing from every implementation.
     while (frameMayBeReady()) {
@@ -312,7 +313,7 @@ void nk_protocol::parseStream()
         tBlob* target = nullptr;
         if (part.peekHeader(m_pStream, m_u32FirstStart, m_u32FirstEnd)) {
             incomingLock.take(m_csIncoming);
-            target = joinTarget(part);
+            target = joinTarget(part, scratch);
             if (!target) incomingLock.release();
         }
         const bool valid = part.streamContainsTelegram(m_pStream, m_u32FirstStart, m_u32FirstEnd, target);

@@ -45,7 +45,7 @@ nk_telegram::nk_telegram(nk_telegramPart* first)
 {
     if (!first) return;
     // The header's copy took the payload a part owns; one that names a range gives its bytes.
-    if (first->m_pHost) m_pPayload->append(first->payloadBytes(), first->hostedReadable());
+    if (first->m_pHost) ownPayload()->append(first->payloadBytes(), first->hostedReadable());
     m_parts.push_back(new nk_telegramPart(first));
     m_u32HighestPartId = first->partId();
 }
@@ -65,10 +65,10 @@ nk_telegram::nk_telegram(nk_telegramPart* first, bool takePayload)
         // joined content, and the part names its range in it.
         tBlob* joined = first->m_pHost;
         const unsigned int offset = first->m_u32HostOffset, length = first->m_u32HostLength;
-        m_pPayload->swap(*joined);
+        ownPayload()->swap(*joined);
         joined->clear();
         first->m_pHost = nullptr;
-        nk_telegramPart* filedPart = first->detach();
+        nk_telegramPart* filedPart = first->headerCopy();
         filedPart->host(m_pPayload, offset, length);
         m_parts.push_back(filedPart);
     } else {
@@ -124,7 +124,7 @@ void nk_telegram::split(tBlob* work)
     }
     // Many parts: the telegram keeps the content and each part names its range of it, so
     // cutting copies nothing; the frames are encoded from the content itself.
-    m_pPayload->swap(*work);
+    ownPayload()->swap(*work);
     work->clear();
     m_parts.reserve(total / maxPayload + 1);
     unsigned int partId = 0;
@@ -235,14 +235,14 @@ bool nk_telegram::addTelegramPart(nk_telegramPart* part)
 
 void nk_telegram::giveBackJoinedBytes(nk_telegramPart* part)
 {
-    if (part->m_pHost != m_pPayload) return;
+    if (!part->m_pHost || part->m_pHost != m_pPayload) return;
     if (part->m_u32HostOffset + part->m_u32HostLength == m_pPayload->size()) m_pPayload->resize(part->m_u32HostOffset);
     part->m_pHost = nullptr;
 }
 
 tBlob* nk_telegram::joinedContentFor(unsigned int partId)
 {
-    if (!m_bIncoming || m_parts.empty() || partId != m_u32HighestPartId + 1 || m_u32HighestPartId == 0xFFFFFFFFu)
+    if (!m_bIncoming || !m_pPayload || m_parts.empty() || partId != m_u32HighestPartId + 1 || m_u32HighestPartId == 0xFFFFFFFFu)
         return nullptr;
     // Every part so far must lie in the payload, in order and back to back.
     nk_telegramPart* last = m_parts.back();
@@ -260,11 +260,11 @@ bool nk_telegram::adoptTelegramPart(nk_telegramPart* part)
         giveBackJoinedBytes(part);
         return false;
     }
-    if (part->m_pHost == m_pPayload) {
+    if (part->m_pHost && part->m_pHost == m_pPayload) {
         // Joined in place: the filed part names its range; the caller's part lets go of it.
         const unsigned int offset = part->m_u32HostOffset, length = part->m_u32HostLength;
         part->m_pHost = nullptr;
-        nk_telegramPart* filedPart = part->detach();
+        nk_telegramPart* filedPart = part->headerCopy();
         filedPart->host(m_pPayload, offset, length);
         m_parts.push_back(filedPart);
     } else {
@@ -306,8 +306,9 @@ tBlob* nk_telegram::getCompleteContent()
     // Parts cut from an outgoing telegram's content keep their bytes: it is rebuilt below.
     if (!m_bIncoming)
         for (nk_telegramPart* p : m_parts)
-            if (p && p->m_pHost == m_pPayload) p->copyHostedBytes();
+            if (p && p->m_pHost && p->m_pHost == m_pPayload) p->copyHostedBytes();
     uint64_t total = 0;
+    tBlob* content = ownPayload();
     bool joinedInPlace = m_bIncoming;
     for (nk_telegramPart* p : m_parts) {
         if (!p) return nullptr;
@@ -315,14 +316,14 @@ tBlob* nk_telegram::getCompleteContent()
         total += p->payloadLength();
     }
     if (total > 0xFFFFFFFFu) return nullptr;
-    if (!joinedInPlace || total != m_pPayload->size()) {
+    if (!joinedInPlace || total != content->size()) {
         // Parts that came out of order, or some with bytes of their own: joined into new
         // storage (reading those that lie in the payload before it is replaced).
         tBlob joined;
         joined.reserve(static_cast<unsigned int>(total));
         for (nk_telegramPart* p : m_parts) joined.append(p->payloadBytes(), p->m_pHost ? p->hostedReadable() : p->payloadLength());
-        m_pPayload->swap(joined);
+        content->swap(joined);
     }
     deCompress();
-    return m_pPayload;
+    return content;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "base128.h"
 #include "crc8.h"
@@ -73,7 +74,7 @@ nk_telegramPart::nk_telegramPart(nk_telegramPart* other)
     m_u32PartId = other->m_u32PartId;
     m_ePartInfo = other->m_ePartInfo;
     // The copy owns its bytes: it may outlive the telegram that holds other's.
-    if (other->m_pHost) m_pPayload->append(other->payloadBytes(), other->hostedReadable());
+    if (other->m_pHost) ownPayload()->append(other->payloadBytes(), other->hostedReadable());
 }
 
 nk_telegramPart::nk_telegramPart(unsigned int id, unsigned int src, unsigned int dest, unsigned int partId,
@@ -83,7 +84,7 @@ nk_telegramPart::nk_telegramPart(unsigned int id, unsigned int src, unsigned int
       m_ePartInfo(lastPart ? PARTINFO_LAST_PART : PARTINFO_NOT_LAST_PART)
 {
     m_eCompression = compression;
-    if (payload) m_pPayload->append(*payload);
+    if (payload && payload->size() != 0) ownPayload()->append(*payload);
 }
 
 tString nk_telegramPart::partInfo(tePartInfo info)
@@ -97,7 +98,7 @@ tString nk_telegramPart::partInfo(tePartInfo info)
 
 void nk_telegramPart::host(tBlob* host, unsigned int offset, unsigned int length)
 {
-    m_pPayload->clear();
+    if (m_pPayload) m_pPayload->clear();
     m_pHost = host;
     m_u32HostOffset = offset;
     m_u32HostLength = length;
@@ -105,7 +106,8 @@ void nk_telegramPart::host(tBlob* host, unsigned int offset, unsigned int length
 
 unsigned char const* nk_telegramPart::payloadBytes() const
 {
-    if (!m_pHost) return static_cast<tBlob const*>(m_pPayload)->getBuffer();
+    static const tBlob kEmpty;
+    if (!m_pHost) return m_pPayload ? static_cast<tBlob const*>(m_pPayload)->getBuffer() : kEmpty.getBuffer();
     return static_cast<tBlob const*>(m_pHost)->getBuffer() + (hostedReadable() ? m_u32HostOffset : 0);
 }
 
@@ -113,7 +115,8 @@ unsigned int nk_telegramPart::payloadLength() const
 {
     // A hosted part keeps its length when its host has moved on (a joined content that was
     // decoded or handed to the receive callback): the engine counts parts by it.
-    return m_pHost ? m_u32HostLength : m_pPayload->size();
+    if (m_pHost) return m_u32HostLength;
+    return m_pPayload ? m_pPayload->size() : 0;
 }
 
 unsigned int nk_telegramPart::hostedReadable() const
@@ -130,13 +133,13 @@ void nk_telegramPart::copyHostedBytes()
     if (!m_pHost) return;
     tBlob own(payloadBytes(), hostedReadable());
     m_pHost = nullptr;
-    m_pPayload->swap(own);
+    ownPayload()->swap(own);
 }
 
 tBlob* nk_telegramPart::payload()
 {
     copyHostedBytes();
-    return m_pPayload;
+    return ownPayload();
 }
 
 tBlob* nk_telegramPart::isSinglePartTelegram()
@@ -147,7 +150,7 @@ tBlob* nk_telegramPart::isSinglePartTelegram()
     return m_pPayload;
 }
 
-nk_telegramPart* nk_telegramPart::detach()
+nk_telegramPart* nk_telegramPart::headerCopy() const
 {
     nk_telegramPart* p = new nk_telegramPart();
     p->m_u32Src = m_u32Src;
@@ -158,22 +161,28 @@ nk_telegramPart* nk_telegramPart::detach()
     p->m_eCompression = m_eCompression;
     p->m_u32PartId = m_u32PartId;
     p->m_ePartInfo = m_ePartInfo;
+    return p;
+}
+
+nk_telegramPart* nk_telegramPart::detach()
+{
+    nk_telegramPart* p = headerCopy();
     // The new part may outlive whatever hosts these bytes: it gets a copy of its own.
     copyHostedBytes();
-    p->m_pPayload->swap(*m_pPayload);
+    std::swap(p->m_pPayload, m_pPayload);
     return p;
 }
 
 unsigned int nk_telegramPart::serializedSize() const
 {
-    uint64_t n = frameBytes(m_pHost ? hostedReadable() : m_pPayload->size());
+    uint64_t n = frameBytes(m_pHost ? hostedReadable() : payloadLength());
     return n > 0xFFFFFFFFu ? 0 : static_cast<unsigned int>(n);
 }
 
 bool nk_telegramPart::serialize(tBlob* out)
 {
     if (!out) return false;
-    const unsigned int length = m_pHost ? hostedReadable() : m_pPayload->size();
+    const unsigned int length = m_pHost ? hostedReadable() : payloadLength();
     const uint64_t total = frameBytes(length);
     if (total + out->size() > 0xFFFFFFFFu) return false;
 
@@ -278,7 +287,7 @@ bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIn
     if (encodedLength <= 32) {
         if (!streamContainsTelegram(stream, startIndex, endIndex)) return false;
         tBlob copy;
-        copy.swap(*m_pPayload);
+        copy.swap(*ownPayload());
         const unsigned int at = appendTo->size();
         appendTo->append(copy);
         host(appendTo, at, copy.size());
@@ -301,7 +310,6 @@ bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIn
         if (crc == 0 && nk::readLE<uint32_t>(head + 21) <= bodyLength - kHeaderBytes) {
             valid = readHeader(head, kHeaderBytes, length);
             appendTo->resize(at + length);
-            m_pPayload->clear();
             host(appendTo, at, length);
         } else {
             appendTo->resize(at);
@@ -329,7 +337,7 @@ bool nk_telegramPart::readBody(tBlob& body)
         return false;
     if (n - at < 1) return false;
     flags = b[at++];
-    m_pPayload->clear();
+    if (m_pPayload) m_pPayload->clear();
     m_pHost = nullptr;
     unsigned int length = 0;
     if (!u32(length)) return false;
@@ -342,6 +350,6 @@ bool nk_telegramPart::readBody(tBlob& body)
     // whatever follows the payload (the CRC byte).
     body.slice(at);
     body.resize(length);
-    m_pPayload->swap(body);
+    ownPayload()->swap(body);
     return true;
 }
