@@ -104,8 +104,8 @@ TEST(tBlob, SlicePrependAndSearch)
     EXPECT_EQ(2, copy.getBuffer()[0]);
 }
 
-// A stream parser's pattern: append chunks, cut frames off the front; the bytes must
-// stay exactly those of a plain reference queue through every compaction.
+// A stream parser's pattern: append chunks, cut frames off the front, grow and shrink; the
+// bytes must stay exactly those of a plain reference queue through every compaction.
 TEST(tBlob, LongSliceSequencesKeepTheBytes)
 {
     std::mt19937 rng(5);
@@ -121,6 +121,17 @@ TEST(tBlob, LongSliceSequencesKeepTheBytes)
         unsigned cut = rng() % 310;
         blob.slice(cut);
         reference.erase(reference.begin(), reference.begin() + std::min<std::size_t>(cut, reference.size()));
+        if (round % 13 == 0) {  // grown in place or into new storage, the new bytes written after
+            const unsigned grow = rng() % 700, old = blob.size();
+            unsigned char* q = blob.resize(old + grow);
+            for (unsigned i = 0; i < grow; ++i) reference.push_back(q[old + i] = next++);
+        }
+        if (round % 29 == 0) {
+            const unsigned shrink = std::min<unsigned>(blob.size(), rng() % 60);
+            blob.resize(blob.size() - shrink);
+            reference.resize(reference.size() - shrink);
+        }
+        if (round % 31 == 0) blob.reserve(blob.size() + rng() % 5000);
         if (round % 97 == 0) {
             unsigned char marker = 0xAA;
             blob.prepend(&marker, 1);

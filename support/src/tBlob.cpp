@@ -75,7 +75,22 @@ void tBlob::compact()
 
 unsigned char* tBlob::resize(unsigned int n)
 {
-    if (m_offset && m_offset + n > m_data.capacity()) compact();
+    if (m_offset && m_offset + n > m_data.capacity() && n <= m_data.capacity()) compact();
+    if (m_offset + n > m_data.capacity()) {
+        // Grown here rather than by the vector, which moves bytes one by one through the
+        // allocator: the live bytes that stay move once, with memcpy, into storage at least
+        // twice as large, so a blob grown part by part is moved O(1) times per byte.
+        const std::size_t live = size();
+        const std::size_t keep = live < n ? live : n;
+        const std::size_t grown = m_data.capacity() * 2;
+        std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> fresh;
+        fresh.reserve(grown > n ? grown : n);
+        fresh.resize(n);
+        if (keep) std::memcpy(fresh.data(), getBuffer(), keep);
+        m_data.swap(fresh);
+        m_offset = 0;
+        return getBuffer();
+    }
     m_data.resize(m_offset + n);
     return getBuffer();
 }
@@ -83,7 +98,14 @@ unsigned char* tBlob::resize(unsigned int n)
 void tBlob::reserve(unsigned int n)
 {
     compact();
-    m_data.reserve(n);
+    if (n <= m_data.capacity()) return;
+    // As in resize: the bytes move once, with memcpy.
+    const std::size_t live = m_data.size();
+    std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> fresh;
+    fresh.reserve(n);
+    fresh.resize(live);
+    if (live) std::memcpy(fresh.data(), m_data.data(), live);
+    m_data.swap(fresh);
 }
 
 void tBlob::append(unsigned char const* data, unsigned int length)
