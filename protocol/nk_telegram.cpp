@@ -12,6 +12,32 @@ const int kErrorTryAgain = 11;        // EAGAIN on the platforms the library run
 const unsigned int kRetryWait_ms = 500;
 const unsigned int kMaxRetries = 4;   // the fifth zero return in a row gives up
 const long long kDefaultTimeout_s = 10;
+const unsigned int kSendBatch = 4u << 20;  // bytes of frames handed to the link per call
+
+// Hands all of buffer to the link, waiting on EAGAIN; retries counts the zero returns in a row.
+bool sendAll(nk_server* server, void* ctx, nk_telegram::tSendFcn sendFn, tBlob& buffer, unsigned char& retries)
+{
+    unsigned int offset = 0;
+    unsigned int remaining = buffer.size();
+    int error = 0;
+    while (remaining != 0) {
+        unsigned int n = sendFn(server, ctx, buffer.getBuffer() + offset, remaining, &error);
+        if (n != 0) {
+            if (n > remaining) n = remaining;  // a link function that claims too much
+            offset += n;
+            remaining -= n;
+            retries = 0;
+        } else if (error == kErrorTryAgain) {
+            tTime::sleep(kRetryWait_ms);
+            ++retries;
+        } else {
+            ++retries;
+            break;
+        }
+        if (retries > kMaxRetries) return false;
+    }
+    return offset == buffer.size();
+}
 }
 
 unsigned int nk_telegram::s_u32MaxPayloadSize = 0x100000;
@@ -155,31 +181,22 @@ bool nk_telegram::send(nk_server* server, void* ctx, tSendFcn sendFn, tBlob* fra
     for (nk_telegramPart* p : m_parts)
         if (p) frames += p->serializedSize();
     if (frames > 0xFFFFFFFFu) return false;
-    buffer.reserve(static_cast<unsigned int>(frames));
-    for (nk_telegramPart* p : m_parts)
-        if (p && !p->serialize(&buffer)) return false;
-
-    unsigned int offset = 0;
-    unsigned int remaining = buffer.size();
-    int error = 0;
-    while (remaining != 0) {
-        unsigned int n = sendFn(server, ctx, buffer.getBuffer() + offset, remaining, &error);
-        if (n != 0) {
-            if (n > remaining) n = remaining;  // a link function that claims too much
-            offset += n;
-            remaining -= n;
-            m_u8SendRetries = 0;
-        } else if (error == kErrorTryAgain) {
-            tTime::sleep(kRetryWait_ms);
-            ++m_u8SendRetries;
-        } else {
-            ++m_u8SendRetries;
-            break;
-        }
-        if (m_u8SendRetries > kMaxRetries) return false;
+    // The frames go to the link a few MiB at a time, each batch encoded into the same
+    // buffer: a large telegram needs no buffer the size of its frames (whose fresh pages
+    // were most of the cost of a first large transfer). Telegrams up to one batch go in one
+    // call, as before; larger ones in calls that end on frame boundaries, the same bytes.
+    buffer.reserve(static_cast<unsigned int>(frames < kSendBatch ? frames : kSendBatch));
+    std::size_t next = 0;
+    while (next < m_parts.size()) {
+        buffer.clear();
+        do {
+            nk_telegramPart* p = m_parts[next++];
+            if (p && !p->serialize(&buffer)) return false;
+        } while (next < m_parts.size() && buffer.size() < kSendBatch);
+        if (!sendAll(server, ctx, sendFn, buffer, m_u8SendRetries)) return false;
     }
-    m_bSent = offset == buffer.size();
-    return m_bSent;
+    m_bSent = true;
+    return true;
 }
 
 bool nk_telegram::timeout() const
