@@ -88,10 +88,11 @@ class Page:
 
     @staticmethod
     def js_safe(condition, driver):
-        from selenium.common.exceptions import StaleElementReferenceException, NoSuchElementException
+        from selenium.common.exceptions import (StaleElementReferenceException, NoSuchElementException,
+                                                UnexpectedTagNameException)
         try:
             return condition(driver)
-        except (StaleElementReferenceException, NoSuchElementException):
+        except (StaleElementReferenceException, NoSuchElementException, UnexpectedTagNameException):
             return False
 
     def js(self, script, *args):
@@ -137,6 +138,13 @@ def check_fleet(page, leaving_proc):
     page.shot("fleet")
 
     # Filters and search narrow the list.
+    from selenium.webdriver.support.ui import Select
+    page.until("the group filter offers the fleet's group",
+               lambda d: Select(d.find_element("id", "filter-group")).select_by_value("default") is None)
+    page.until("filtering by that group keeps every panel",
+               lambda d: len(d.find_elements("css selector", "#devices tbody tr")) == total)
+    Select(d.find_element("id", "filter-group")).select_by_value("")
+
     search = d.find_element("id", "filter-search")
     search.send_keys(str(LEAVING))
     page.until("searching an address leaves that panel alone",
@@ -289,6 +297,19 @@ def check_desired(page, config):
     check(all(v[1] != "none" and v[2] != "0px" for v in visited), "every focused control shows a focus outline")
 
 
+def check_rename(page):
+    d = page.driver
+    d.get(ARGS.http + "/#/desired?panel=%d" % (FIRST + 1))
+    page.until("the desired-state page opens on one panel",
+               lambda d: len(d.find_elements("css selector", "#progress tbody tr")) == 1)
+    d.find_element("id", "desired-name").send_keys("lobby east")
+    d.find_element("id", "rename-button").click()
+    page.until("the name saved in the page reaches the panel",
+               lambda d: "Saved" in d.find_element("id", "name-result").text and
+               api("/api/devices/%d" % (FIRST + 1))[1]["reported"]["name"] == "lobby east" and settled(d) == 1)
+    check(api("/api/devices/%d" % FIRST)[1]["reported"]["name"] != "lobby east", "the other panels keep their name")
+
+
 def check_panel(page):
     d = page.driver
     d.get(ARGS.http + "/#/panel/%d" % FIRST)
@@ -320,6 +341,23 @@ def check_panel(page):
           badges[0][1] == "rgb(255, 102, 0)" and badges[1][1] == "rgb(255, 255, 102)" and
           badges[2][1] not in colours and all(b[2] == "rgb(0, 0, 0)" for b in badges),
           "category badges: #FF6600 and #FFFF66 for 0 and 1, black text, a written label on each: %s" % badges)
+    # Filter and paging of the events: one category alone, and older pages when there are more.
+    from selenium.webdriver.support.ui import Select
+    page.until("the category filter offers category 2",
+               lambda d: Select(d.find_element("id", "event-category")).select_by_value("2") is None)
+    page.until("the category filter leaves only that category's events",
+               lambda d: d.find_elements("css selector", "#events tbody tr.event") and
+               all(b.text == "info (2)" for b in d.find_elements("css selector", "#events .badge.category")))
+    info = d.find_element("id", "event-page").text
+    pages = int(info.split(" of ")[1].split(" ")[0])
+    if pages > 1:
+        first = d.find_element("css selector", "#events tbody tr.event").text
+        d.find_element("id", "event-next").click()
+        page.until("Older shows the next page of events",
+                   lambda d: d.find_element("id", "event-page").text.startswith("page 2 of") and
+                   d.find_element("css selector", "#events tbody tr.event").text != first)
+    else:
+        check(not d.find_element("id", "event-next").is_enabled(), "with one page, Older is disabled")
     page.until("the week's first day shows today's schedule",
                lambda d: len(d.find_elements("css selector", ".timeline .week .track .slot")) > 0 and
                d.find_element("css selector", ".timeline .week .track").size["height"] > 0)
@@ -398,6 +436,7 @@ def main():
         page = Page(driver)
         check_fleet(page, leaving)
         check_desired(page, config)
+        check_rename(page)
         check_panel(page)
         check_phone(page)
         # The refused uploads' 400s are the answers the test asked for; anything else is a fault.

@@ -1,7 +1,7 @@
 // The fleet at a glance: counts by status, and the panels with filters and search, kept live
 // by the station's stream of changes.
 import { getJson, onChange, debounce } from "./api.js";
-import { el, dateTime, statusBadge, STATUSES } from "./format.js";
+import { el, fill, dateTime, statusBadge, STATUSES } from "./format.js";
 
 const SHOWN_AT_MOST = 500;
 
@@ -98,7 +98,7 @@ export async function showFleet(main) {
   function drawGroups(groups) {
     const known = new Set([...state.devices.values()].map((d) => d.group).concat(groups));
     const chosen = groupSelect.value;
-    groupSelect.replaceChildren(el("option", { value: "" }, "all groups"),
+    fill(groupSelect, el("option", { value: "" }, "all groups"),
       [...known].sort().map((g) => el("option", { value: g }, g)));
     groupSelect.value = chosen;
   }

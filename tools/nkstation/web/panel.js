@@ -105,7 +105,7 @@ export async function showPanel(main, address) {
     events = all.reverse();
     const categories = [...new Set(events.map((e) => e.category))].sort((a, b) => a - b);
     const chosen = categoryFilter.value;
-    categoryFilter.replaceChildren(el("option", { value: "" }, "all categories"),
+    fill(categoryFilter, el("option", { value: "" }, "all categories"),
       categories.map((c) => el("option", { value: String(c) }, `${categoryOf(c).label} (${c})`)));
     categoryFilter.value = chosen;
     drawEvents();
