@@ -30,8 +30,15 @@ def start(cmd):
 
 
 def first_line(proc, seconds=120):
+    """The program's start line (JSON); lines a wrapper prints before it are passed over."""
+    def read():
+        for line in proc.stdout:
+            if line.startswith("{"):
+                out.append(line)
+                return
+        out.append("")
     out = []
-    t = threading.Thread(target=lambda: out.append(proc.stdout.readline()), daemon=True)
+    t = threading.Thread(target=read, daemon=True)
     t.start()
     t.join(seconds)
     if not out or not out[0]:
@@ -58,6 +65,8 @@ def main():
     parser.add_argument("--processes", type=int, default=4)
     parser.add_argument("--max-concurrent", type=int, default=512)
     parser.add_argument("--limit", type=int, default=600, help="seconds to wait for each phase")
+    parser.add_argument("--station-wrapper", default="",
+                        help="command the station runs under, e.g. 'heaptrack -o FILE' (its RSS is then not the station's)")
     args = parser.parse_args()
     root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     work = tempfile.mkdtemp(prefix="nk-fleet-bench-")
@@ -66,7 +75,7 @@ def main():
                          check=True).stdout.strip()
     broker_pid = int(open(work + "/broker/mosquitto.pid").read())
     try:
-        station = start([os.path.join(args.build, "tools", "nkstation"), "--mqtt", url, "--fleet", "bench",
+        station = start(args.station_wrapper.split() + [os.path.join(args.build, "tools", "nkstation"), "--mqtt", url, "--fleet", "bench",
                          "--db", work + "/station.db", "--http", "127.0.0.1:0", "--max-concurrent",
                          str(args.max_concurrent), "--poll-interval", "86400", "--collect-interval", "86400",
                          "--timeout", "30"])
@@ -135,8 +144,14 @@ def main():
         }
         print(json.dumps(result, indent=1))
     finally:
+        # Stopped with SIGTERM first, so that a wrapper (a profiler) writes its data.
         for c in CHILDREN:
             if c.poll() is None:
+                c.terminate()
+        for c in CHILDREN:
+            try:
+                c.wait(60)
+            except subprocess.TimeoutExpired:
                 c.kill()
                 c.wait()
         subprocess.run(["bash", script, "stop", work + "/broker"])

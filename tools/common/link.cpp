@@ -12,8 +12,20 @@ void Link::start(ReceiveHandler onReceive, CloseHandler onClose)
 {
     m_onReceive = std::move(onReceive);
     m_onClose = std::move(onClose);
+    beginReading();
+}
+
+void Link::beginReading()
+{
     m_readBuffer.resize(32768);
     readMore();
+}
+
+void Link::received(unsigned char const* data, std::size_t length)
+{
+    if (!m_open || length == 0) return;
+    m_bytesRead += length;
+    if (m_onReceive) m_onReceive(data, length);
 }
 
 void Link::readMore()
@@ -34,8 +46,7 @@ void Link::readMore()
                 return;
             }
         }
-        m_bytesRead += n;
-        if (m_onReceive && n > 0) m_onReceive(m_readBuffer.data(), n);
+        received(m_readBuffer.data(), n);
         readMore();
     });
 }

@@ -57,6 +57,10 @@ public:
 
 protected:
     using ReadDone = std::function<void(std::error_code, std::size_t)>;
+    // Reading from a stream: a read buffer of the link's own and asyncReadSome, again and
+    // again. A link whose bytes are handed to it (a broker's messages) overrides this and
+    // passes them to received() as they come, with no buffer of its own.
+    virtual void beginReading();
     virtual void asyncReadSome(asio::mutable_buffer buffer, ReadDone done) = 0;
     virtual void asyncWrite(asio::const_buffer buffer, ReadDone done) = 0;
     virtual void closeStream() = 0;
@@ -70,6 +74,8 @@ protected:
     // link, refused, with that reason.
     virtual std::string screenFirstBytes(unsigned char const*, std::size_t) { return std::string(); }
     void markRefused() { m_refused = true; }
+    // Bytes that arrived, for the receive handler.
+    void received(unsigned char const* data, std::size_t length);
 
 private:
     void readMore();

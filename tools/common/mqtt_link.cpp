@@ -10,32 +10,33 @@ MqttLink::MqttLink(MqttClient& client, std::string publishTopic, std::string nam
 void MqttLink::deliver(unsigned char const* data, std::size_t length)
 {
     if (!isOpen() || length == 0) return;
-    // Bounded like a socket's receive side: a reader that stopped is closed, not grown.
+    if (m_reading) {
+        auto keep = shared_from_this();
+        received(data, length);
+        return;
+    }
+    // Bounded like a socket's receive side: a link never started is closed, not grown.
     if (m_inbox.size() + length > kMaxQueuedBytes) {
         close("more than " + std::to_string(kMaxQueuedBytes) + " bytes received and not read");
         return;
     }
     m_inbox.insert(m_inbox.end(), data, data + length);
-    if (m_readDone) completeRead();
 }
 
-void MqttLink::asyncReadSome(asio::mutable_buffer buffer, ReadDone done)
+void MqttLink::beginReading()
 {
-    m_readBuffer = buffer;
-    m_readDone = std::move(done);
-    if (!m_inbox.empty()) asio::post(m_client.io(), [this, keep = shared_from_this()] {
-        if (m_readDone && !m_inbox.empty()) completeRead();
-    });
+    m_reading = true;
+    if (m_inbox.empty()) return;
+    std::vector<unsigned char> early;
+    early.swap(m_inbox);
+    auto keep = shared_from_this();
+    received(early.data(), early.size());
 }
 
-void MqttLink::completeRead()
+void MqttLink::asyncReadSome(asio::mutable_buffer, ReadDone done)
 {
-    const std::size_t n = std::min(m_readBuffer.size(), m_inbox.size());
-    std::memcpy(m_readBuffer.data(), m_inbox.data(), n);
-    m_inbox.erase(m_inbox.begin(), m_inbox.begin() + static_cast<std::ptrdiff_t>(n));
-    ReadDone done = std::move(m_readDone);
-    m_readDone = nullptr;
-    done(std::error_code(), n);
+    // Never called: beginReading() does not read from a stream.
+    asio::post(m_client.io(), [done = std::move(done)] { done(asio::error::operation_not_supported, 0); });
 }
 
 void MqttLink::asyncWrite(asio::const_buffer buffer, ReadDone done)
@@ -48,7 +49,7 @@ void MqttLink::asyncWrite(asio::const_buffer buffer, ReadDone done)
 
 void MqttLink::closeStream()
 {
-    // The pending read holds the link itself; dropping it ends that cycle.
-    m_readDone = nullptr;
+    m_reading = false;
     m_inbox.clear();
+    m_inbox.shrink_to_fit();
 }

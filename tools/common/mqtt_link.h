@@ -23,18 +23,18 @@ public:
     std::uint64_t droppedMessages() const { return m_dropped; }
 
 protected:
+    // A message's bytes go to the receive handler as they are delivered: a fleet of links
+    // keeps no read buffer per link (bytes delivered before start() wait in a small inbox).
+    void beginReading() override;
     void asyncReadSome(asio::mutable_buffer buffer, ReadDone done) override;
     void asyncWrite(asio::const_buffer buffer, ReadDone done) override;
     void closeStream() override;
 
 private:
-    void completeRead();
-
     MqttClient& m_client;
     std::string m_topic;
     std::vector<unsigned char> m_inbox;
-    asio::mutable_buffer m_readBuffer;
-    ReadDone m_readDone;
+    bool m_reading = false;
     std::uint64_t m_dropped = 0;
 };
 
