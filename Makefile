@@ -1,6 +1,8 @@
 # The one way to build and test. Every target installs what is missing first.
 BUILD ?= build
 JOBS ?= 2
+# make demo WATCH=1: the demo waits for Enter before the push and before stopping.
+WATCH ?=
 CMAKE_FLAGS ?=
 
 .PHONY: deps build test demo demo-panel bench asan tsan test-arm bench-arm clean
@@ -20,7 +22,7 @@ test: build
 demo: deps
 	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS) --target nkstation nkdevice
-	@python3 tools/fleet_demo.py $(BUILD)
+	@NK_DEMO_WATCH=$(WATCH) python3 tools/fleet_demo.py $(BUILD)
 
 demo-panel: deps
 	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null

@@ -6,9 +6,9 @@ only TLS clients with those certificates (scripts/broker.sh --tls), nkstation wi
 fleet of panels (nkdevice --simulate) and one real nkdevice process with its own data directory;
 pushes a group configuration and schedule set through the station's HTTP API and shows the fleet
 converging, then takes the real panel offline, changes what it should hold while it is away and
-brings it back. Prints a transcript and the dashboard's address; run from a terminal it waits for
-Enter before the push and before stopping, so that the fleet can be watched converging in the
-dashboard. Exits 0 only if every step did what it should. Everything it started is stopped on any
+brings it back. Prints a transcript and the dashboard's address; with NK_DEMO_WATCH=1 (make demo
+WATCH=1) and run from a terminal it waits for Enter before the push and before stopping, so that
+the fleet can be watched converging in the dashboard. Exits 0 only if every step did what it should. Everything it started is stopped on any
 exit.
     tools/fleet_demo.py [BUILD_DIR]
 """
@@ -90,9 +90,10 @@ def dashboard_page(url):
 
 
 def hold(text, seconds):
-    """Run from a terminal, waits for Enter (at most seconds) so that a person can look at the
-    dashboard; run by a script or a test, goes straight on."""
-    if not sys.stdin.isatty():
+    """Asked to (NK_DEMO_WATCH=1) and run from a terminal, waits for Enter (at most seconds) so that
+    a person can look at the dashboard; otherwise goes straight on, so that `make demo` never
+    stops to wait for someone who is not there."""
+    if os.environ.get("NK_DEMO_WATCH") != "1" or not sys.stdin.isatty():
         return
     say("%s (it goes on by itself after %d minutes)" % (text, seconds // 60))
     if select.select([sys.stdin], [], [], seconds)[0]:
