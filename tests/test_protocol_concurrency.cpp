@@ -195,10 +195,10 @@ TEST(ProtocolConcurrency, ContextsDroppedByOtherThreadsWhilePartsAreJoined)
             ++i;
         }
     });
-    // Two telegrams at a time, their parts interleaved, one frame per poll.
-    for (unsigned int t = 0; t < kTelegrams; t += 2) {
+    // Telegrams [first, first + count), their parts interleaved, one frame per poll.
+    auto feed = [&](unsigned int first, unsigned int count) {
         for (unsigned int part = 1; part <= kParts; ++part) {
-            for (unsigned int id = 7000 + t; id < 7002 + t; ++id) {
+            for (unsigned int id = first; id < first + count; ++id) {
                 tBlob payload = patterned(id * 10 + part, kPartSize), frame;
                 nk_telegramPart p(id, 1, 2, part, 0, part == kParts, &payload,
                                   nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE, nk_basicTelegram::COMPRESSION_NONE);
@@ -207,11 +207,17 @@ TEST(ProtocolConcurrency, ContextsDroppedByOtherThreadsWhilePartsAreJoined)
                 receiver.poll(nullptr, nullptr, nullptr, nullptr);
             }
         }
-    }
+    };
+    for (unsigned int t = 0; t < kTelegrams; t += 2) feed(7000 + t, 2);
     done = true;
     limiter.join();
-    // Some contexts were dropped; each one that completed carries its four parts in order.
-    EXPECT_FALSE(joined.contents.empty());
+    // How many completed while the bounds changed depends on the scheduler (under an emulator
+    // the limiter may hold the tight bound throughout); once they are lifted, the engine must
+    // join again, so what it kept of dropped contexts cannot be in the way.
+    receiver.setIncomingLimits_TS(0, 0);
+    feed(9000, 2);
+    ASSERT_GE(joined.contents.size(), 2u);
+    // Each telegram that completed carries its four parts in order.
     for (tBlob const& content : joined.contents) {
         ASSERT_EQ(content.size(), kParts * kPartSize);
         const unsigned int id = nk::readLE<uint32_t>(content.getBuffer()) / 10;
