@@ -4,8 +4,10 @@ request/answer made by a process of its own (bash's /dev/tcp against an echo ser
 
   bench/tools_process_latency.py --nkctl build/tools/nkctl --nkdevice build/tools/nkdevice [--runs 50]
 
-Prints the median and the 90th percentile of each, in milliseconds. A measurement, not a test:
-it never fails on a figure.
+The three commands run in turn, round after round, so that a change in the machine's load
+touches all of them alike; the ratio of `nkctl state` to the trivial request/answer is taken
+round by round and its median printed beside the medians and 90th percentiles of each, in
+milliseconds. A measurement, not a test: it never fails on a figure.
 """
 import argparse
 import json
@@ -18,16 +20,13 @@ import threading
 import time
 
 
-def timed(cmd, runs):
-    times = []
-    for _ in range(runs):
-        started = time.perf_counter()
-        done = subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=30)
-        times.append((time.perf_counter() - started) * 1000.0)
-        if done.returncode != 0:
-            raise SystemExit("%s failed: %s" % (" ".join(cmd), done.stderr.decode().strip()))
-    times.sort()
-    return statistics.median(times), times[int(len(times) * 0.9) - 1]
+def timed_once(cmd):
+    started = time.perf_counter()
+    done = subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=30)
+    elapsed = (time.perf_counter() - started) * 1000.0
+    if done.returncode != 0:
+        raise SystemExit("%s failed: %s" % (" ".join(cmd), done.stderr.decode().strip()))
+    return elapsed
 
 
 def echo_server():
@@ -46,6 +45,11 @@ def echo_server():
     return server.getsockname()[1]
 
 
+def summary(times):
+    ordered = sorted(times)
+    return statistics.median(ordered), ordered[max(0, int(len(ordered) * 0.9) - 1)]
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--nkctl", required=True)
@@ -60,17 +64,30 @@ def main():
                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         try:
             address = json.loads(device.stdout.readline())["address"]
-            rows = [
-                ("trivial TCP request/answer (bash /dev/tcp)", timed(trivial, args.runs)),
-                ("nkctl --version (process start only)", timed([args.nkctl, "--version"], args.runs)),
-                ("nkctl state", timed([args.nkctl, "--json", "--device", address, "state"], args.runs)),
+            commands = [
+                ("trivial TCP request/answer (bash /dev/tcp)", trivial),
+                ("nkctl --version (process start only)", [args.nkctl, "--version"]),
+                ("nkctl state", [args.nkctl, "--json", "--device", address, "state"]),
             ]
+            for _, cmd in commands:  # warm the page cache and the device
+                timed_once(cmd)
+            load_before = os.getloadavg()[0]
+            times = {name: [] for name, _ in commands}
+            for _ in range(args.runs):
+                for name, cmd in commands:
+                    times[name].append(timed_once(cmd))
+            load_after = os.getloadavg()[0]
         finally:
             device.terminate()
             device.wait(10)
-    print("load average: %.2f %.2f %.2f" % os.getloadavg())
-    for name, (median, p90) in rows:
+    print("load average (1 min): %.2f before, %.2f after; %d rounds" % (load_before, load_after, args.runs))
+    for name, _ in commands:
+        median, p90 = summary(times[name])
         print("%-45s median %7.2f ms   p90 %7.2f ms" % (name, median, p90))
+    ratios = [s / t for s, t in zip(times["nkctl state"], times[commands[0][0]])]
+    print("nkctl state / trivial, round by round: median %.2f, p10 %.2f, p90 %.2f"
+          % (statistics.median(ratios), sorted(ratios)[max(0, int(len(ratios) * 0.1) - 1)],
+             sorted(ratios)[max(0, int(len(ratios) * 0.9) - 1)]))
 
 
 if __name__ == "__main__":

@@ -21,7 +21,11 @@ public:
     tString Result();
 
 private:
+    // Starts a digest in m_ctx unless one is under way; false when none can be made.
+    bool start();
+
     void* m_ctx;
+    bool m_started = false;  // m_ctx holds a digest under way
     bool m_finished = false;
     tString m_result;
 };

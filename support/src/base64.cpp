@@ -2,7 +2,7 @@
 
 #include <climits>
 
-#include <openssl/evp.h>
+#include "libcrypto.h"
 
 namespace
 {
@@ -38,6 +38,8 @@ namespace base64
 tString encode(unsigned char const* data, unsigned int length)
 {
     if (!data || length == 0) return tString();
+    nk::LibCrypto const* crypto = nk::libCrypto();
+    if (!crypto) return tString();
     std::size_t textLength = 4 * ((static_cast<std::size_t>(length) + 2) / 3);
     if (length > static_cast<unsigned int>(INT_MAX) || textLength > static_cast<std::size_t>(INT_MAX) ||
         textLength > 0xFFFFFFFEu)
@@ -45,7 +47,7 @@ tString encode(unsigned char const* data, unsigned int length)
     tString text;
     // setLength keeps room for the terminating NUL that EVP_EncodeBlock writes.
     char* out = text.setLength(static_cast<unsigned int>(textLength));
-    int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out), data, static_cast<int>(length));
+    int written = crypto->encodeBlock(reinterpret_cast<unsigned char*>(out), data, static_cast<int>(length));
     if (written < 0 || static_cast<std::size_t>(written) != textLength) return tString();
     return text;
 }
@@ -58,8 +60,10 @@ bool decode(tString const& text, tBlob& out)
     if (n == 0) return true;
     unsigned padding = 0;
     if (n > static_cast<std::size_t>(INT_MAX) || !isCanonical(t, n, padding)) return false;
+    nk::LibCrypto const* crypto = nk::libCrypto();
+    if (!crypto) return false;
     unsigned char* dst = out.resize(static_cast<unsigned int>(n / 4 * 3));
-    int decoded = EVP_DecodeBlock(dst, t, static_cast<int>(n));
+    int decoded = crypto->decodeBlock(dst, t, static_cast<int>(n));
     if (decoded < 0 || static_cast<std::size_t>(decoded) != n / 4 * 3) {
         out.clear();
         return false;

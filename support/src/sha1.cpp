@@ -1,36 +1,46 @@
 #include "SHA1.h"
 
-#include <openssl/evp.h>
+#include "libcrypto.h"
 
 namespace
 {
 EVP_MD_CTX* ctxOf(void* p) { return static_cast<EVP_MD_CTX*>(p); }
 }
 
-SHA1::SHA1() : m_ctx(EVP_MD_CTX_new())
-{
-    Reset();
-}
+// The digest context is made by the first Input or Result, so that a program which only
+// declares a SHA1 never loads libcrypto.
+SHA1::SHA1() : m_ctx(nullptr) {}
 
 SHA1::~SHA1()
 {
-    EVP_MD_CTX_free(ctxOf(m_ctx));
+    if (m_ctx) nk::libCrypto()->mdCtxFree(ctxOf(m_ctx));
 }
 
 void SHA1::Reset()
 {
     m_finished = false;
-    if (m_ctx && EVP_DigestInit_ex(ctxOf(m_ctx), EVP_sha1(), nullptr) != 1) {
-        EVP_MD_CTX_free(ctxOf(m_ctx));
+    m_started = false;
+}
+
+bool SHA1::start()
+{
+    if (m_started) return m_ctx != nullptr;
+    m_started = true;
+    nk::LibCrypto const* crypto = nk::libCrypto();
+    if (!crypto) return false;
+    if (!m_ctx) m_ctx = crypto->mdCtxNew();
+    if (m_ctx && crypto->digestInit(ctxOf(m_ctx), crypto->sha1(), nullptr) != 1) {
+        crypto->mdCtxFree(ctxOf(m_ctx));
         m_ctx = nullptr;
     }
+    return m_ctx != nullptr;
 }
 
 void SHA1::Input(unsigned char const* data, unsigned int length)
 {
     if (m_finished) Reset();
-    if (!m_ctx || !data || length == 0) return;
-    EVP_DigestUpdate(ctxOf(m_ctx), data, length);
+    if (!start() || !data || length == 0) return;
+    nk::libCrypto()->digestUpdate(ctxOf(m_ctx), data, length);
 }
 
 tString SHA1::Result()
@@ -40,7 +50,8 @@ tString SHA1::Result()
     m_result.clear();
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLength = 0;
-    if (!m_ctx || EVP_DigestFinal_ex(ctxOf(m_ctx), digest, &digestLength) != 1) return m_result;
+    if (!start() || nk::libCrypto()->digestFinal(ctxOf(m_ctx), digest, &digestLength) != 1) return m_result;
+    m_started = false;
     static char const hex[] = "0123456789abcdef";
     char* text = m_result.setLength(2 * digestLength);
     for (unsigned int i = 0; i < digestLength; ++i) {

@@ -159,32 +159,6 @@ private:
 };
 }
 
-void TlsFiles::requireComplete() const
-{
-    if (!enabled()) return;
-    if (cert.empty() || key.empty() || ca.empty())
-        throw ToolError("TLS needs --tls-cert, --tls-key and --tls-ca together", EXIT_USAGE);
-}
-
-bool TlsFiles::perPanel() const
-{
-    return cert.find("{address}") != std::string::npos && key.find("{address}") != std::string::npos;
-}
-
-TlsFiles TlsFiles::forPanel(unsigned int address) const
-{
-    auto replaced = [address](std::string text) {
-        const std::string mark = "{address}";
-        for (std::size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at))
-            text.replace(at, mark.size(), std::to_string(address));
-        return text;
-    };
-    TlsFiles files = *this;
-    files.cert = replaced(cert);
-    files.key = replaced(key);
-    return files;
-}
-
 std::string certificateName(X509* certificate)
 {
     if (!certificate) return std::string();
@@ -257,12 +231,6 @@ void requirePanelCertificate(std::string const& path, unsigned int address)
     if (!namesPanel(name, &named) || named != address)
         throw ToolError("TLS certificate " + path + " names '" + name + "', not the panel " + std::to_string(address),
                         EXIT_INPUT);
-}
-
-bool looksLikeTls(unsigned char const* data, std::size_t length)
-{
-    // Record type alert (0x15) or handshake (0x16), then the major version 3 of every TLS.
-    return length >= 3 && (data[0] == 0x15 || data[0] == 0x16) && data[1] == 0x03 && data[2] <= 0x04;
 }
 
 std::string describeTlsError(std::error_code ec)

@@ -13,6 +13,7 @@
 #include "endpoint.h"
 #include "link.h"
 #include "tls_files.h"
+#include "tls_record.h"
 
 // Who a certificate names. A panel's certificate carries its protocol address in decimal as the
 // subject's common name (CN=1001); any other name is a station's (CN=nkstation). The broker takes
@@ -36,10 +37,6 @@ std::shared_ptr<asio::ssl::context> makeTlsContext(TlsFiles const& files, TlsRol
 std::string certificateFileName(std::string const& path);
 // Throws ToolError (input) unless the certificate file names the panel with this address.
 void requirePanelCertificate(std::string const& path, unsigned int address);
-
-// True when bytes look like the start of a TLS record (a handshake or an alert): what a TLS peer
-// sends first, and never the start of the protocol's frames (those begin with 0x01 or 0x02).
-bool looksLikeTls(unsigned char const* data, std::size_t length);
 
 // A protocol link over TLS on a TCP connection. The peer's certificate was verified during the
 // handshake; peerName() is the name it carries.

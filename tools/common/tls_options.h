@@ -5,7 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "tls.h"
+#include "tls_files.h"
 
 // The same four options on every program, so that one set of files and one habit serve all.
 // certHelp says whose certificate --tls-cert is.

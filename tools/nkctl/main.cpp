@@ -9,6 +9,11 @@
 #include "commands.h"
 #include "endpoint.h"
 #include "tls_options.h"
+#ifdef NK_CTL_TLS
+#include "tls_dialer.h"
+#else
+#include "tls_handoff.h"
+#endif
 #include "tool_error.h"
 
 int main(int argc, char** argv)
@@ -160,6 +165,11 @@ int main(int argc, char** argv)
         if (tls.enabled() && !serialPath.empty())
             throw ToolError("TLS protects TCP links; a serial port has none (see docs/security.md)", EXIT_USAGE);
         ctx.station.tls = tls;
+#ifdef NK_CTL_TLS
+        ctx.station.tlsDialer = &makeTlsDialer;
+#else
+        if (tls.enabled()) handOffToTlsBuild(argv);
+#endif
         ctx.station.timeout_s = timeout;
         ctx.station.verbose = verbose;
         randomizeTelegramIds();

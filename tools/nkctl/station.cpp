@@ -15,26 +15,6 @@ namespace
 using Clock = std::chrono::steady_clock;
 const unsigned int kBroadcast = 0xFFFFFFFEu;
 
-// A TLS link to the devices at one address, whose certificate names each of them: the CA alone
-// would let any panel of the fleet answer for another.
-std::shared_ptr<Link> connectTlsDevice(asio::io_context& io, std::string const& address,
-                                       std::vector<DeviceLocation> const& locations, std::chrono::seconds timeout,
-                                       std::shared_ptr<asio::ssl::context> context)
-{
-    std::shared_ptr<TlsLink> link = connectTls(io, parseEndpoint(address, "127.0.0.1"), timeout, std::move(context));
-    unsigned int named = 0;
-    const bool panel = namesPanel(link->peerName(), &named);
-    for (DeviceLocation const& location : locations) {
-        if (location.link != address || location.address == kBroadcast || (panel && named == location.address)) continue;
-        link->close("not the device asked for");
-        throw ToolError("the TLS certificate of " + address + " names " +
-                            (panel ? "panel " + link->peerName() : "'" + link->peerName() + "'") + ", not panel " +
-                            std::to_string(location.address),
-                        EXIT_CONNECT);
-    }
-    return link;
-}
-
 // The engine's own time-out counts from the creation of the request; the station counts
 // from the last progress instead, so the engine's is only a backstop.
 const unsigned int kEngineTimeout_s = 86400;
@@ -155,8 +135,11 @@ void Station::connect()
         for (std::string const& device : m_options.devices) locations.push_back(parseDeviceLocation(device, m_options.deviceAddress));
     }
 
-    std::shared_ptr<asio::ssl::context> tls;
-    if (m_options.tls.enabled() && m_options.serialPath.empty()) tls = makeTlsContext(m_options.tls, TlsRole::CLIENT);
+    std::unique_ptr<TlsDialer> tls;
+    if (m_options.tls.enabled() && m_options.serialPath.empty()) {
+        if (!m_options.tlsDialer) throw ToolError("this program was built without TLS", EXIT_USAGE);
+        tls = m_options.tlsDialer(m_options.tls);
+    }
 
     // One link per HOST:PORT (or serial port); a device that cannot be reached fails alone
     // when there are several, so the others are still served.
@@ -173,7 +156,7 @@ void Station::connect()
                 if (!m_options.serialPath.empty())
                     link = openSerial(m_io, m_options.serialPath, m_options.baud);
                 else if (tls)
-                    link = connectTlsDevice(m_io, location.link, locations, timeout, tls);
+                    link = tls->connect(m_io, location.link, locations, timeout);
                 else
                     link = connectTcp(m_io, parseEndpoint(location.link, "127.0.0.1"), timeout);
             } catch (ToolError const& e) {

@@ -1,6 +1,7 @@
 #ifndef NK_TOOLS_STATION_H
 #define NK_TOOLS_STATION_H
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,8 +12,24 @@
 #include "engine_binding.h"
 #include "nkProtocol.h"
 #include "poll_timer.h"
-#include "tls.h"
+#include "tls_files.h"
 #include "tool_error.h"
+
+struct DeviceLocation;
+
+// Opens a station's TLS links. Only programs built with TLS have one (tls_dialer.h): the plain
+// nkctl hands every run with TLS options to nkctl-tls, so that a run without TLS never loads
+// OpenSSL, whose start costs more than the rest of the program (tls_handoff.h).
+class TlsDialer
+{
+public:
+    virtual ~TlsDialer() = default;
+    // A link to the devices at address (HOST:PORT) whose certificate names each device of
+    // locations that is there. Throws ToolError (connect) naming the address and the cause.
+    virtual std::shared_ptr<Link> connect(asio::io_context& io, std::string const& address,
+                                          std::vector<DeviceLocation> const& locations, std::chrono::seconds timeout) = 0;
+};
+using TlsDialerFactory = std::unique_ptr<TlsDialer> (*)(TlsFiles const& files);
 
 struct StationOptions
 {
@@ -28,6 +45,8 @@ struct StationOptions
     bool verbose = false;
     // TCP devices over TLS: each device's certificate must chain to tls.ca and name its address.
     TlsFiles tls;
+    // Makes the dialer of TLS links; null in a program built without TLS.
+    TlsDialerFactory tlsDialer = nullptr;
 };
 
 // One device as the command line names it.

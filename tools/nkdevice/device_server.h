@@ -12,7 +12,7 @@
 #include "device.h"
 #include "engine_binding.h"
 #include "poll_timer.h"
-#include "tcp.h"
+#include "tcp_listener.h"
 
 // Serves one device on its links: every TCP connection (or the serial port) gets its own
 // protocol engine with the device's address, so stations never share a stream buffer; all

@@ -9,6 +9,7 @@
 #include "broker_run.h"
 #include "device_server.h"
 #include "output.h"
+#include "tls.h"
 #include "tls_options.h"
 #include "tool_error.h"
 

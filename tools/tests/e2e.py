@@ -140,6 +140,15 @@ def tcp_part(work):
     status, _, _ = ctl(link, "state")
     check(status == 0, "device still serves after garbage and cut telegrams")
 
+    # A run that computes no checksum and uses no TLS starts without OpenSSL: loading it costs
+    # more than the whole request. One that does compute a checksum loads it when needed.
+    loaded = subprocess.run([ARGS.nkctl, "--json", *link, "state"], capture_output=True, text=True, timeout=30,
+                            env=dict(os.environ, LD_DEBUG="files"))
+    check(loaded.returncode == 0 and "libnkSupport" in loaded.stderr and "libcrypto" not in loaded.stderr
+          and "libssl" not in loaded.stderr, "nkctl state loads neither libcrypto nor libssl")
+    status, sums, err = ctl([], "config", "checksum", ARGS.examples + "/config.json")
+    check(status == 0 and len(sums[0].get("cs", "")) == 40, "a checksum is computed all the same (%s)" % err)
+
     # Several stations at once.
     runs = [subprocess.Popen([ARGS.nkctl, "--json", *link, "state"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
             for _ in range(6)]

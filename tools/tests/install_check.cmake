@@ -19,6 +19,15 @@ foreach(program nkctl nkdevice)
     endif()
   endforeach()
 endforeach()
+# A run with TLS options is handed to nkctl-tls in libexec: it, not the plain nkctl, reads the
+# certificate files and names the one that is missing.
+execute_process(COMMAND ${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH ${PREFIX}/bin/nkctl
+                        --tls-cert /nonexistent/station.crt --tls-key /nonexistent/station.key
+                        --tls-ca /nonexistent/ca.crt state
+                RESULT_VARIABLE status OUTPUT_QUIET ERROR_VARIABLE error)
+if(NOT status EQUAL 3 OR NOT error MATCHES "cannot read TLS certificate /nonexistent/station.crt")
+  message(FATAL_ERROR "installed nkctl does not hand TLS runs to nkctl-tls (status ${status}): ${error}")
+endif()
 # The dashboard's files, where an installed nkstation looks for them (bin/../share/nkstation/web).
 if(EXISTS ${PREFIX}/bin/nkstation)
   foreach(file index.html app.js fleet.js panel.js desired.js style.css)
