@@ -22,9 +22,20 @@ protected:
     std::string screenFirstBytes(unsigned char const* data, std::size_t length) override;
 };
 
-// The connected socket, within timeout, running io until done. Throws ToolError naming the
-// address and the cause (connection refused, host not found, time-out).
+// Resolves and connects to ep within timeout without blocking the thread: done runs on io's
+// thread once, with the connected socket and an empty error, or with a closed socket and the
+// error naming the address and the cause (connection refused, host not found, time-out).
+using SocketHandler = std::function<void(asio::ip::tcp::socket socket, std::string const& error)>;
+void connectSocketAsync(asio::io_context& io, Endpoint const& ep, std::chrono::milliseconds timeout, SocketHandler done);
+
+// The same for a program with nothing else to do meanwhile (the name is resolved on this
+// thread, without the resolver's own): runs io until done. Throws ToolError (connect) with the
+// error.
 asio::ip::tcp::socket connectSocket(asio::io_context& io, Endpoint const& ep, std::chrono::milliseconds timeout);
+
+// Runs io until done is set (or io runs out of work), then the handlers already due, so that
+// nothing refers to the caller's frame afterwards.
+void runUntil(asio::io_context& io, bool const& done);
 
 // A plain link to ep (see connectSocket).
 std::shared_ptr<Link> connectTcp(asio::io_context& io, Endpoint const& ep,

@@ -179,6 +179,14 @@ bool namesPanel(std::string const& name, unsigned int* address)
     return true;
 }
 
+std::string panelNameMismatch(std::string const& name, unsigned int address)
+{
+    unsigned int named = 0;
+    const bool panel = namesPanel(name, &named);
+    if (panel && named == address) return std::string();
+    return "names " + (panel ? "panel " + name : "'" + name + "'") + ", not panel " + std::to_string(address);
+}
+
 std::shared_ptr<asio::ssl::context> makeTlsContext(TlsFiles const& files, TlsRole role)
 {
     requireReadable(files.cert, "certificate");
@@ -278,43 +286,103 @@ std::string TlsLink::readFailure(std::error_code ec)
     return "TLS error: " + describeTlsError(ec);
 }
 
+namespace
+{
+// The client's handshake after the connection, within what is left of the time allowed.
+struct TlsAttempt : std::enable_shared_from_this<TlsAttempt>
+{
+    TlsAttempt(asio::ip::tcp::socket socket, Endpoint const& ep, std::shared_ptr<asio::ssl::context> context,
+               TlsConnectHandler done)
+        : timer(socket.get_executor()),
+          context(std::move(context)),
+          stream(new TlsLink::Stream(std::move(socket), *this->context)),
+          ep(ep),
+          done(std::move(done))
+    {
+    }
+
+    void start(std::chrono::steady_clock::time_point deadline)
+    {
+        auto self = shared_from_this();
+        timer.expires_at(deadline);
+        timer.async_wait([self](std::error_code ec) {
+            if (!ec) self->fail("time-out in the TLS handshake with " + self->ep.text() + " (is it a TLS port?)", false);
+        });
+        stream->async_handshake(asio::ssl::stream_base::client, [self](std::error_code ec) {
+            if (self->finished) return;
+            if (ec) {
+                self->fail(self->handshakeFailure(ec), true);
+                return;
+            }
+            self->finished = true;
+            self->timer.cancel();
+            const std::string peer = certificateName(SSL_get0_peer_certificate(self->stream->native_handle()));
+            TlsConnectHandler handler = std::move(self->done);
+            handler(std::make_shared<TlsLink>(std::move(self->context), std::move(self->stream), self->ep.text(), peer),
+                    std::string(), false);
+        });
+    }
+
+    std::string handshakeFailure(std::error_code ec)
+    {
+        const std::string why = verifyFailure(stream->native_handle());
+        if (!why.empty()) return "the TLS certificate of " + ep.text() + " was refused: " + why;
+        if (closedByPeer(ec)) return ep.text() + " closed the connection in the TLS handshake (a plain port, not TLS?)";
+        return "TLS handshake with " + ep.text() + " failed: " + describeTlsError(ec);
+    }
+
+    void fail(std::string const& error, bool refused)
+    {
+        if (finished) return;
+        finished = true;
+        timer.cancel();
+        std::error_code ignored;
+        stream->lowest_layer().close(ignored);
+        TlsConnectHandler handler = std::move(done);
+        handler(nullptr, error, refused);
+    }
+
+    asio::steady_timer timer;
+    std::shared_ptr<asio::ssl::context> context;
+    std::unique_ptr<TlsLink::Stream> stream;
+    Endpoint ep;
+    TlsConnectHandler done;
+    bool finished = false;
+};
+}
+
+void connectTlsAsync(asio::io_context& io, Endpoint const& ep, std::chrono::milliseconds timeout,
+                     std::shared_ptr<asio::ssl::context> context, TlsConnectHandler done)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    connectSocketAsync(io, ep, timeout,
+                       [ep, deadline, context = std::move(context), done = std::move(done)](
+                           asio::ip::tcp::socket socket, std::string const& error) mutable {
+                           if (!error.empty()) {
+                               done(nullptr, error, false);
+                               return;
+                           }
+                           std::make_shared<TlsAttempt>(std::move(socket), ep, std::move(context), std::move(done))
+                               ->start(deadline);
+                       });
+}
+
 std::shared_ptr<TlsLink> connectTls(asio::io_context& io, Endpoint const& ep, std::chrono::milliseconds timeout,
                                     std::shared_ptr<asio::ssl::context> context)
 {
-    const auto started = std::chrono::steady_clock::now();
-    asio::ip::tcp::socket socket = connectSocket(io, ep, timeout);
-    std::unique_ptr<TlsLink::Stream> stream(new TlsLink::Stream(std::move(socket), *context));
-    const auto left = timeout - std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
-    asio::steady_timer timer(io, std::max(left, std::chrono::milliseconds(1)));
+    std::shared_ptr<TlsLink> connected;
+    std::string error;
     bool done = false;
-    bool timedOut = false;
-    std::error_code result;
-    stream->async_handshake(asio::ssl::stream_base::client, [&](std::error_code e) {
-        done = true;
-        result = e;
-        timer.cancel();
-    });
-    timer.async_wait([&](std::error_code e) {
-        if (e || done) return;
-        timedOut = true;
-        std::error_code ignored;
-        stream->lowest_layer().close(ignored);
-    });
-    io.restart();
-    while (!done && io.run_one() > 0) {
-    }
-    while (io.poll_one() > 0) {
-    }
-    if (timedOut) throw ToolError("time-out in the TLS handshake with " + ep.text() + " (is it a TLS port?)", EXIT_CONNECT);
-    if (result) {
-        const std::string why = verifyFailure(stream->native_handle());
-        if (!why.empty()) throw ToolError("the TLS certificate of " + ep.text() + " was refused: " + why, EXIT_CONNECT);
-        if (closedByPeer(result))
-            throw ToolError(ep.text() + " closed the connection in the TLS handshake (a plain port, not TLS?)", EXIT_CONNECT);
-        throw ToolError("TLS handshake with " + ep.text() + " failed: " + describeTlsError(result), EXIT_CONNECT);
-    }
-    const std::string peer = certificateName(SSL_get0_peer_certificate(stream->native_handle()));
-    return std::make_shared<TlsLink>(std::move(context), std::move(stream), ep.text(), peer);
+    connectTlsAsync(io, ep, timeout, std::move(context),
+                    [&](std::shared_ptr<TlsLink> link, std::string const& why, bool) {
+                        connected = std::move(link);
+                        error = why;
+                        done = true;
+                    });
+    runUntil(io, done);
+    if (!done) throw ToolError("connecting to " + ep.text() + " did not complete", EXIT_CONNECT);
+    if (!error.empty()) throw ToolError(error, EXIT_CONNECT);
+    return connected;
 }
 
 void acceptTls(asio::ip::tcp::socket socket, std::string name, std::shared_ptr<asio::ssl::context> context,

@@ -20,6 +20,9 @@
 // the same name as the MQTT user name, so one certificate serves a panel on TCP and on MQTT.
 std::string certificateName(X509* certificate);
 bool namesPanel(std::string const& name, unsigned int* address = nullptr);
+// Empty when a certificate's name is the one of the panel with this address; otherwise what it
+// names instead, for an error: "names panel 2, not panel 1", "names 'nkstation', not panel 1".
+std::string panelNameMismatch(std::string const& name, unsigned int address);
 
 enum class TlsRole
 {
@@ -61,9 +64,16 @@ private:
     std::string m_peerName;
 };
 
-// Connects to ep and completes the TLS handshake within timeout. Throws ToolError (connect) naming
-// the address and the cause: refused, time-out, a certificate that does not verify, or a peer
-// that is no TLS server (a plain port).
+// Connects to ep and completes the TLS handshake within timeout without blocking the thread:
+// done runs once on io's thread with the link, or with a null link and the error naming the
+// address and the cause: refused, time-out, a certificate that does not verify, or a peer that
+// is no TLS server (a plain port). refused is true when the peer was reached but the two sides
+// do not agree (a certificate, TLS on one side only), rather than unreachable.
+using TlsConnectHandler = std::function<void(std::shared_ptr<TlsLink> link, std::string const& error, bool refused)>;
+void connectTlsAsync(asio::io_context& io, Endpoint const& ep, std::chrono::milliseconds timeout,
+                     std::shared_ptr<asio::ssl::context> context, TlsConnectHandler done);
+
+// The same, running io until done; throws ToolError (connect) with the error.
 std::shared_ptr<TlsLink> connectTls(asio::io_context& io, Endpoint const& ep, std::chrono::milliseconds timeout,
                                     std::shared_ptr<asio::ssl::context> context);
 

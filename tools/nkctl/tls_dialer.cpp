@@ -17,16 +17,12 @@ public:
                                   std::vector<DeviceLocation> const& locations, std::chrono::seconds timeout) override
     {
         std::shared_ptr<TlsLink> link = connectTls(io, parseEndpoint(address, "127.0.0.1"), timeout, m_context);
-        unsigned int named = 0;
-        const bool panel = namesPanel(link->peerName(), &named);
         for (DeviceLocation const& location : locations) {
-            if (location.link != address || location.address == kBroadcast || (panel && named == location.address))
-                continue;
+            if (location.link != address || location.address == kBroadcast) continue;
+            const std::string mismatch = panelNameMismatch(link->peerName(), location.address);
+            if (mismatch.empty()) continue;
             link->close("not the device asked for");
-            throw ToolError("the TLS certificate of " + address + " names " +
-                                (panel ? "panel " + link->peerName() : "'" + link->peerName() + "'") + ", not panel " +
-                                std::to_string(location.address),
-                            EXIT_CONNECT);
+            throw ToolError("the TLS certificate of " + address + " " + mismatch, EXIT_CONNECT);
         }
         return link;
     }

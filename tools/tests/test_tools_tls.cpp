@@ -32,6 +32,12 @@ TEST(ToolsTls, APanelIsNamedByItsAddressAsInTheBrokerTopics)
     for (char const* name : {"", "nkstation", "007", "4294967294", "99999999999", "12a", "-1", " 12"})
         EXPECT_FALSE(namesPanel(name)) << name;
     EXPECT_EQ(certificateName(nullptr), "");
+
+    // What a station that dialled panel 1 says of the certificate it was shown.
+    EXPECT_EQ(panelNameMismatch("1", 1), "");
+    EXPECT_EQ(panelNameMismatch("2", 1), "names panel 2, not panel 1");
+    EXPECT_EQ(panelNameMismatch("01", 1), "names '01', not panel 1");
+    EXPECT_EQ(panelNameMismatch("nkstation", 1), "names 'nkstation', not panel 1");
 }
 
 TEST(ToolsTls, TlsRecordsAreToldFromFrames)
