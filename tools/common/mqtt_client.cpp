@@ -164,8 +164,22 @@ bool MqttClient::checkSocket(int rc, char const* what)
     if (rc == MOSQ_ERR_ERRNO) reason += std::strerror(errno);
     else if (rc == MOSQ_ERR_SUCCESS) reason += "connection closed";
     else reason += mosquitto_strerror(rc);
-    lost(reason);
+    lost(reason, !m_connected ? tlsDisagreement(rc) : std::string());
     return false;
+}
+
+// A broker and a client that disagree on TLS part without a word: a TLS listener resets a plain
+// client's connection before any answer, and a plain one closes a TLS client's connection in
+// the handshake. Neither says why, so the likely cause is named here.
+std::string MqttClient::tlsDisagreement(int rc) const
+{
+    if (!m_options.tls.enabled() && rc == MOSQ_ERR_CONN_LOST)
+        return "The broker closed the connection before accepting it, as a broker that takes TLS only does with a "
+               "plain client: use an mqtts:// URL and the TLS options";
+    if (m_options.tls.enabled() && rc == MOSQ_ERR_TLS && m_lastLibraryError.find("unexpected eof") != std::string::npos)
+        return "The broker closed the connection in the TLS handshake, as a plain broker does with a TLS client: use an "
+               "mqtt:// URL without the TLS options";
+    return std::string();
 }
 
 void MqttClient::attemptFailed(std::string const& reason)
@@ -175,7 +189,7 @@ void MqttClient::attemptFailed(std::string const& reason)
     if (m_onFailure) m_onFailure(reason);
 }
 
-void MqttClient::lost(std::string const& reason)
+void MqttClient::lost(std::string const& reason, std::string const& hint)
 {
     // The library has closed the socket already; the descriptor only leaves asio's reactor.
     if (m_socket) m_socket->release();
@@ -187,7 +201,8 @@ void MqttClient::lost(std::string const& reason)
     m_connected = false;
     if (wasConnected && m_onState) m_onState(false, reason);
     if (!wasConnected && !m_stopped) {
-        const std::string detail = m_lastLibraryError.empty() ? reason : reason + " (" + m_lastLibraryError + ")";
+        std::string detail = m_lastLibraryError.empty() ? reason : reason + " (" + m_lastLibraryError + ")";
+        if (!hint.empty()) detail += (detail.back() == '.' ? " " : ". ") + hint;
         attemptFailed(detail);
     }
     m_lastLibraryError.clear();

@@ -91,7 +91,9 @@ private:
     // True while the socket, or the TLS layer above it, holds bytes not yet read.
     bool moreToRead() const;
     void attemptFailed(std::string const& reason);
-    void lost(std::string const& reason);
+    // hint: what the failure of an attempt probably means, when the library does not say.
+    void lost(std::string const& reason, std::string const& hint = std::string());
+    std::string tlsDisagreement(int rc) const;
     void scheduleReconnect();
 
     asio::io_context& m_io;

@@ -15,7 +15,9 @@ struct DeviceRecord
 {
     unsigned int address = 0;
     std::string group = "default";
+    // "mqtt": through the broker; "tcp": dialled by the station at endpoint (HOST:PORT).
     std::string transport = "mqtt";
+    std::string endpoint;
     long long lastSeen_ms = 0;  // wall clock, milliseconds since 1970
     bool online = false;
     // The last state the panel reported (reported is false until one arrived).

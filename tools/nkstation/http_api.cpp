@@ -103,6 +103,7 @@ Json deviceJson(DeviceRecord const& d, EffectiveDesired const& desired)
     Json out = {{"address", d.address},
                 {"group", d.group},
                 {"transport", d.transport},
+                {"endpoint", d.endpoint.empty() ? Json(nullptr) : Json(d.endpoint)},
                 {"online", d.online},
                 {"lastSeen", d.lastSeen_ms},
                 {"onlineSince", d.onlineSince_ms},
@@ -280,13 +281,13 @@ httplib::Server::Handler guarded(H handler)
 }
 
 HttpApi::HttpApi(asio::io_context& io, FleetStore& store, ImageStore& images, Reconciler& reconciler,
-                 ChangeLog& changes, std::function<nlohmann::json()> brokerStatus)
+                 ChangeLog& changes, std::function<nlohmann::json()> linkStatus)
     : m_io(io),
       m_store(store),
       m_images(images),
       m_reconciler(reconciler),
       m_changes(changes),
-      m_brokerStatus(std::move(brokerStatus)),
+      m_linkStatus(std::move(linkStatus)),
       m_server(new httplib::Server)
 {
     routes();
@@ -341,14 +342,15 @@ void HttpApi::routes()
                       byStatus[entry.second.status] = byStatus.value(entry.second.status, 0) + 1;
                       if (entry.second.online) ++online;
                   }
-                  return Json{{"devices", m_reconciler.devices().size()},
-                              {"online", online},
-                              {"status", byStatus},
-                              {"working", m_reconciler.inFlight()},
-                              {"queued", m_reconciler.queued()},
-                              {"broker", m_brokerStatus()},
-                              {"schemaVersion", m_store.schemaVersion()},
-                              {"lastChange", m_changes.last()}};
+                  Json summary = {{"devices", m_reconciler.devices().size()},
+                                  {"online", online},
+                                  {"status", byStatus},
+                                  {"working", m_reconciler.inFlight()},
+                                  {"queued", m_reconciler.queued()},
+                                  {"schemaVersion", m_store.schemaVersion()},
+                                  {"lastChange", m_changes.last()}};
+                  summary.update(m_linkStatus());
+                  return summary;
               }));
     }));
 
@@ -386,19 +388,44 @@ void HttpApi::routes()
               }));
     }));
 
-    // Registers a device before it is first heard of, or moves it to another group.
+    // Registers a device before it is first heard of, moves it to another group, or changes how
+    // it is reached: {"transport": "tcp", "endpoint": "HOST:PORT"} has the station dial it,
+    // {"transport": "mqtt"} leaves it to the broker.
     s.Put(R"(/api/devices/(\d+))", guarded([this](httplib::Request const& req, httplib::Response& res) {
         const unsigned int address = addressOf(req.matches[1]);
         Json given = Json::parse(req.body, nullptr, false);
         if (given.is_discarded() || !given.is_object()) throw ApiError{400, "the body must be a JSON object", ""};
         for (auto it = given.begin(); it != given.end(); ++it)
-            if (it.key() != "group") throw ApiError{400, "unknown member \"" + it.key() + "\" (group)", it.key()};
-        if (!given.contains("group") || !given["group"].is_string() ||
-            !validGroupName(given["group"].get<std::string>()))
-            throw ApiError{400, "group must be a name of letters, digits, - _ . (1 to 64)", "group"};
-        const std::string group = given["group"];
+            if (it.key() != "group" && it.key() != "transport" && it.key() != "endpoint")
+                throw ApiError{400, "unknown member \"" + it.key() + "\" (group, transport, endpoint)", it.key()};
+        if (given.empty()) throw ApiError{400, "give group, transport or both", ""};
+        std::optional<std::string> group;
+        if (given.contains("group")) {
+            if (!given["group"].is_string() || !validGroupName(given["group"].get<std::string>()))
+                throw ApiError{400, "group must be a name of letters, digits, - _ . (1 to 64)", "group"};
+            group = given["group"].get<std::string>();
+        }
+        std::optional<std::string> transport;
+        std::string endpoint;
+        if (given.contains("transport")) {
+            if (!given["transport"].is_string() || (given["transport"] != "tcp" && given["transport"] != "mqtt"))
+                throw ApiError{400, "transport must be \"tcp\" or \"mqtt\"", "transport"};
+            transport = given["transport"].get<std::string>();
+        }
+        if (given.contains("endpoint") && transport != std::string("tcp"))
+            throw ApiError{400, "an endpoint is given with transport \"tcp\"", "endpoint"};
+        if (transport == std::string("tcp")) {
+            if (!given.contains("endpoint") || !given["endpoint"].is_string())
+                throw ApiError{400, "transport \"tcp\" needs the endpoint the station dials, \"HOST:PORT\"", "endpoint"};
+            try {
+                endpoint = dialEndpoint(given["endpoint"].get<std::string>()).text();
+            } catch (ToolError const& e) {
+                throw ApiError{400, e.what(), "endpoint"};
+            }
+        }
         reply(res, 200, onIo(m_io, [&] {
-                  m_reconciler.setGroup(address, group);
+                  if (group) m_reconciler.setGroup(address, *group);
+                  if (transport) m_reconciler.setLink(address, *transport, endpoint);
                   DeviceRecord const& d = m_reconciler.devices().at(address);
                   return deviceJson(d, m_reconciler.desiredFor(d));
               }));

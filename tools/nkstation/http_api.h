@@ -25,8 +25,9 @@ class Server;
 class HttpApi
 {
 public:
+    // linkStatus gives the members of the summary about the station's links ("broker", "dialOut").
     HttpApi(asio::io_context& io, FleetStore& store, ImageStore& images, Reconciler& reconciler, ChangeLog& changes,
-            std::function<nlohmann::json()> brokerStatus);
+            std::function<nlohmann::json()> linkStatus);
     ~HttpApi();
 
     // Serves the dashboard's static files from webRoot and the charting library from chartDir
@@ -45,7 +46,7 @@ private:
     ImageStore& m_images;
     Reconciler& m_reconciler;
     ChangeLog& m_changes;
-    std::function<nlohmann::json()> m_brokerStatus;
+    std::function<nlohmann::json()> m_linkStatus;
     std::unique_ptr<httplib::Server> m_server;
     std::thread m_thread;
 };

@@ -1,5 +1,5 @@
-// nkstation: keeps a fleet of panels at their desired state through an MQTT broker, with its
-// memory in SQLite and an HTTP/JSON API.
+// nkstation: keeps a fleet of panels at their desired state, through an MQTT broker and by
+// dialling panels over TCP, with its memory in SQLite and an HTTP/JSON API.
 #include <csignal>
 #include <string>
 #include <thread>
@@ -7,9 +7,11 @@
 #include <CLI/CLI.hpp>
 
 #include "broker_station.h"
+#include "dial_out.h"
 #include "http_api.h"
 #include "output.h"
 #include "reconciler.h"
+#include "station.h"
 #include "tls.h"
 #include "tls_options.h"
 #include "tool_error.h"
@@ -17,7 +19,7 @@
 
 int main(int argc, char** argv)
 {
-    CLI::App app{"nkstation: keeps a fleet of panels in sync through an MQTT broker"};
+    CLI::App app{"nkstation: keeps a fleet of panels in sync through an MQTT broker and by dialling panels over TCP"};
     app.set_version_flag("--version", NK_TOOLS_VERSION);
     std::string url;
     std::string fleet;
@@ -33,8 +35,14 @@ int main(int argc, char** argv)
     unsigned int pollInterval_s = 300;
     unsigned int collectInterval_s = 300;
     bool verbose = false;
-    app.add_option("--mqtt", url, "the broker, mqtt://HOST[:PORT]")->required();
-    app.add_option("--fleet", fleet, "fleet name in the broker topics")->required();
+    std::vector<std::string> panels;
+    std::string panelsFile;
+    auto* mqttOption = app.add_option("--mqtt", url, "the broker, mqtt://HOST[:PORT] or mqtts://HOST[:PORT] (TLS)");
+    app.add_option("--fleet", fleet, "fleet name in the broker topics (with --mqtt)")->needs(mqttOption);
+    app.add_option("--panel", panels,
+                   "a panel the station dials over TCP, ADDR@HOST:PORT (repeatable); registered in the store with "
+                   "transport tcp, so that it is dialled on later starts too");
+    app.add_option("--panels-file", panelsFile, "a file of panels to dial, one ADDR@HOST:PORT per line (# comments)");
     app.add_option("--topic-prefix", prefix, "first level of the broker topics")->capture_default_str();
     app.add_option("--db", database, "the SQLite store (created if missing)")->capture_default_str();
     app.add_option("--images", imageDirectory, "directory of the desired state's image files (default: the --db path + .images)");
@@ -58,8 +66,14 @@ int main(int argc, char** argv)
         ->check(CLI::Range(1u, 86400u));
     app.add_flag("--verbose,-v", verbose, "log the engines' messages on standard error");
     TlsFiles tls;
-    addTlsOptions(app, tls, "the station's client certificate for an mqtts:// broker");
-    app.footer(exitCodeHelp());
+    addTlsOptions(app, tls,
+                  "the station's, on every link: to an mqtts:// broker and to every panel it dials (CN=nkstation)");
+    app.footer(std::string("TLS: one station certificate serves all links. With the TLS options the broker must "
+                           "be mqtts:// and every dial-out link is TLS 1.3: a dialled panel is worked on only when "
+                           "its certificate chains to --tls-ca, names the panel's address (CN=ADDR) and is not in "
+                           "--tls-crl (which the broker does not use: it checks its own clients). Without them "
+                           "every link is plain.\n") +
+               exitCodeHelp());
     app.failure_message([](CLI::App const*, CLI::Error const& e) {
         return std::string("nkstation: ") + e.what() + " (see --help)\n";
     });
@@ -72,18 +86,39 @@ int main(int argc, char** argv)
     reconcile.collectInterval = std::chrono::seconds(collectInterval_s);
 
     try {
+        const bool withBroker = !url.empty();
         BrokerStation::Options options;
-        options.broker = parseMqttUrl(url);
         tls.requireComplete();
-        if (options.broker.tls != tls.enabled())
-            throw ToolError(options.broker.tls ? "an mqtts:// broker needs --tls-cert, --tls-key and --tls-ca"
-                                               : "TLS options need an mqtts:// broker URL",
-                            EXIT_USAGE);
-        if (!tls.crl.empty())
-            throw ToolError("--tls-crl serves TCP links; on a broker the broker checks revocation (crlfile)", EXIT_USAGE);
-        if (tls.enabled()) makeTlsContext(tls, TlsRole::CLIENT);  // a wrong file stops the start
+        if (withBroker) {
+            options.broker = parseMqttUrl(url);
+            if (fleet.empty()) throw ToolError("--mqtt needs --fleet", EXIT_USAGE);
+            if (options.broker.tls != tls.enabled())
+                throw ToolError(options.broker.tls ? "an mqtts:// broker needs --tls-cert, --tls-key and --tls-ca"
+                                                   : "with the TLS options every link is TLS: the broker URL must be "
+                                                     "mqtts://",
+                                EXIT_USAGE);
+        }
+        DialOut::Options dialOptions;
+        // A wrong file stops the start.
+        if (tls.enabled()) dialOptions.tls = makeTlsContext(tls, TlsRole::CLIENT);
+        dialOptions.verbose = verbose;
+        // The broker checks revocation of its clients itself (crlfile).
         options.tls = tls;
-        if (!isTopicLevel(fleet)) throw ToolError("fleet name '" + fleet + "' must be one topic level without / + #", EXIT_USAGE);
+        options.tls.crl.clear();
+        std::vector<DialTarget> targets;
+        if (!panelsFile.empty())
+            for (std::string const& line : devicesFromFile(panelsFile)) panels.push_back(line);
+        for (std::string const& text : panels) {
+            const DialTarget target = parseDialTarget(text);
+            for (DialTarget const& earlier : targets)
+                if (earlier.address == target.address && earlier.ep.text() != target.ep.text())
+                    throw ToolError("panel " + std::to_string(target.address) + " is given at " + earlier.ep.text() +
+                                        " and at " + target.ep.text(),
+                                    EXIT_USAGE);
+            targets.push_back(target);
+        }
+        if (withBroker && !isTopicLevel(fleet))
+            throw ToolError("fleet name '" + fleet + "' must be one topic level without / + #", EXIT_USAGE);
         if (!isTopicLevel(prefix)) throw ToolError("topic prefix '" + prefix + "' must be one topic level", EXIT_USAGE);
         if (!sharedGroup.empty() && !isTopicLevel(sharedGroup))
             throw ToolError("shared group '" + sharedGroup + "' must be one topic level", EXIT_USAGE);
@@ -97,18 +132,34 @@ int main(int argc, char** argv)
         std::unique_ptr<FleetStore> store = openSqliteStore(database);
         ImageStore images(imageDirectory.empty() ? database + ".images" : imageDirectory, *store);
         asio::io_context io;
-        BrokerStation station(io, options);
-        Reconciler reconciler(io, *store, images, station, reconcile);
+        std::unique_ptr<BrokerStation> station;
+        if (withBroker) station.reset(new BrokerStation(io, options));
+        DialOut dialOut(io, dialOptions);
+        Reconciler reconciler(io, *store, images, station.get(), dialOut, reconcile);
         ChangeLog changes;
         reconciler.onChange([&changes](nlohmann::json const& change) { changes.add(change.dump()); });
-        station.onPresence([&reconciler](unsigned int address, bool online) { reconciler.presence(address, online); });
-        station.onConnection([&reconciler](bool connected, std::string const&) { reconciler.brokerConnection(connected); });
-        station.client().onFailure([](std::string const& reason) { logLine("warning", "nkstation", "broker: " + reason); });
-        HttpApi api(io, *store, images, reconciler, changes, [&station] {
-            return nlohmann::json{{"connected", station.connected()},
-                                  {"received", station.client().messagesReceived()},
-                                  {"published", station.client().messagesPublished()},
-                                  {"stray", station.strayMessages()}};
+        if (station) {
+            station->onPresence(
+                [&reconciler](unsigned int address, bool online) { reconciler.brokerPresence(address, online); });
+            station->onConnection(
+                [&reconciler](bool connected, std::string const&) { reconciler.brokerConnection(connected); });
+            station->client().onFailure(
+                [](std::string const& reason) { logLine("warning", "nkstation", "broker: " + reason); });
+        }
+        dialOut.onUp([&reconciler](unsigned int address) { reconciler.linkUp(address); });
+        dialOut.onDown([&reconciler](unsigned int address, std::string const& reason, bool refused) {
+            logLine("warning", "nkstation", "panel " + std::to_string(address) + ": " + reason);
+            reconciler.linkDown(address, reason, refused);
+        });
+        HttpApi api(io, *store, images, reconciler, changes, [&station, &dialOut] {
+            nlohmann::json broker = nullptr;
+            if (station)
+                broker = {{"connected", station->connected()},
+                          {"received", station->client().messagesReceived()},
+                          {"published", station->client().messagesPublished()},
+                          {"stray", station->strayMessages()}};
+            return nlohmann::json{{"broker", broker},
+                                  {"dialOut", {{"panels", dialOut.panels()}, {"connected", dialOut.connectedPanels()}}}};
         });
         // A given --web-root must hold the dashboard; without one, the API alone still serves.
         if (webRoot.empty()) webRoot = findWebRoot();
@@ -116,13 +167,17 @@ int main(int argc, char** argv)
         else reportError("nkstation", "the dashboard's files were not found; serving the API only (see --web-root)");
         const Endpoint bound = api.listen(httpEndpoint);
         reconciler.start();
-        station.start();
+        for (DialTarget const& target : targets) reconciler.setLink(target.address, "tcp", target.ep.text());
+        if (station) station->start();
 
         tJson line;
         line.addString("event", "listening");
         line.addString("http", tString(bound.text()));
-        line.addString("broker", tString(url));
-        line.addString("fleet", tString(fleet));
+        if (station) {
+            line.addString("broker", tString(url));
+            line.addString("fleet", tString(fleet));
+        }
+        line.addInt("dialOut", static_cast<long long>(dialOut.panels()));
         line.addString("db", tString(database));
         if (!webRoot.empty()) line.addString("dashboard", tString("http://" + bound.text() + "/"));
         Output(Output::JSON).emit(line);
@@ -138,7 +193,8 @@ int main(int argc, char** argv)
         api.stop();
         io.stop();
         drain.join();
-        station.stop();
+        dialOut.stop();
+        if (station) station->stop();
         return EXIT_OK;
     } catch (ToolError const& e) {
         reportError("nkstation", e.what());

@@ -40,10 +40,28 @@ std::unique_ptr<nk_message> answerOf(tBlob* content, nk_message::teType expected
 }
 }
 
-Reconciler::Reconciler(asio::io_context& io, FleetStore& store, ImageStore& images, BrokerStation& station,
-                       Options options)
-    : m_io(io), m_store(store), m_images(images), m_station(station), m_options(options), m_timer(io)
+Reconciler::Reconciler(asio::io_context& io, FleetStore& store, ImageStore& images, BrokerStation* broker,
+                       DialOut& dialOut, Options options)
+    : m_io(io),
+      m_store(store),
+      m_images(images),
+      m_broker(broker),
+      m_dialOut(dialOut),
+      m_options(options),
+      m_timer(io)
 {
+}
+
+void Reconciler::ask(unsigned int address, nk_message& message, BrokerStation::ResponseHandler handler)
+{
+    if (m_devices[address].transport == "tcp") {
+        m_dialOut.request(address, message, m_options.requestTimeout_s, std::move(handler));
+        return;
+    }
+    if (!m_broker || !m_broker->request(address, message, m_options.requestTimeout_s, handler)) {
+        char const* why = m_broker ? "the request could not be written" : "the station has no broker (--mqtt)";
+        asio::post(m_io, [handler = std::move(handler), why] { handler(nullptr, why); });
+    }
 }
 
 long long Reconciler::nowMs() const
@@ -59,6 +77,8 @@ void Reconciler::start()
     for (DeviceRecord& device : m_store.devices()) {
         device.online = false;
         m_devices[device.address] = device;
+        if (device.transport == "tcp" && !device.endpoint.empty())
+            m_dialOut.add(device.address, parseEndpoint(device.endpoint, "127.0.0.1"));
     }
     tick();
 }
@@ -95,6 +115,69 @@ void Reconciler::setGroup(unsigned int address, std::string const& group)
     deviceChanged(address);
 }
 
+void Reconciler::setLink(unsigned int address, std::string const& transport, std::string const& endpoint)
+{
+    DeviceRecord& device = m_devices[address];
+    device.address = address;
+    const bool wasTcp = device.transport == "tcp";
+    device.transport = transport;
+    device.endpoint = transport == "tcp" ? endpoint : std::string();
+    m_refusedLinks.erase(address);
+    if (transport == "tcp") {
+        // Online once the connection is made.
+        if (!wasTcp && device.online) presence(address, false);
+        save(device);
+        m_dialOut.add(address, parseEndpoint(endpoint, "127.0.0.1"));
+        return;
+    }
+    m_dialOut.remove(address);
+    save(device);
+    // Back on the broker: what its flag said meanwhile holds.
+    if (wasTcp) {
+        auto flag = m_brokerOnline.find(address);
+        presence(address, flag != m_brokerOnline.end() && flag->second);
+    }
+}
+
+void Reconciler::brokerPresence(unsigned int address, bool online)
+{
+    m_brokerOnline[address] = online;
+    auto known = m_devices.find(address);
+    if (known != m_devices.end() && known->second.transport == "tcp") return;
+    presence(address, online);
+}
+
+void Reconciler::linkUp(unsigned int address)
+{
+    m_refusedLinks.erase(address);
+    presence(address, true);
+}
+
+void Reconciler::linkDown(unsigned int address, std::string const& reason, bool refused)
+{
+    DeviceRecord& device = m_devices[address];
+    device.address = address;
+    device.online = false;
+    device.onlineSince_ms = 0;
+    if (refused) m_refusedLinks[address] = reason;
+    else m_refusedLinks.erase(address);
+    // A round at work ends on the failure of its request and settles the status then.
+    if (m_busy.count(address) == 0) settleOffline(device, reason);
+    save(device);
+}
+
+void Reconciler::settleOffline(DeviceRecord& device, std::string const& error)
+{
+    auto refusal = m_refusedLinks.find(device.address);
+    if (refusal != m_refusedLinks.end()) {
+        setStatus(device, "failed", refusal->second);
+        return;
+    }
+    const EffectiveDesired desired = desiredFor(device);
+    const bool waiting = desired.anything() && !describeDifference(device, desired).empty();
+    setStatus(device, waiting ? "pending" : "offline", error);
+}
+
 void Reconciler::presence(unsigned int address, bool online)
 {
     DeviceRecord& device = m_devices[address];
@@ -115,7 +198,7 @@ void Reconciler::presence(unsigned int address, bool online)
     if (m_busy.count(address) == 0) {
         const EffectiveDesired desired = desiredFor(device);
         const bool waiting = desired.anything() && !describeDifference(device, desired).empty();
-        setStatus(device, waiting ? "pending" : "offline", waiting ? device.lastError : std::string());
+        settleOffline(device, waiting ? device.lastError : std::string());
     }
     save(device);
 }
@@ -141,13 +224,9 @@ void Reconciler::deviceChanged(unsigned int address)
         return;
     }
     if (m_busy.count(address) > 0) return;
-    const EffectiveDesired desired = desiredFor(device);
-    const bool waiting = desired.anything() && !describeDifference(device, desired).empty();
-    const std::string status = waiting ? "pending" : "offline";
-    if (status != device.status) {
-        setStatus(device, status, device.lastError);
-        save(device);
-    }
+    const std::string status = device.status;
+    settleOffline(device, device.lastError);
+    if (status != device.status) save(device);
 }
 
 void Reconciler::enqueue(unsigned int address)
@@ -195,8 +274,7 @@ void Reconciler::begin(unsigned int address)
 void Reconciler::pollState(std::shared_ptr<Job> job, char const* after)
 {
     nk_messageStateReq request(nk_message::VERSION_2);
-    m_station.request(job->address, request, m_options.requestTimeout_s,
-                      [this, job, after](tBlob* content, std::string const& why) {
+    ask(job->address, request, [this, job, after](tBlob* content, std::string const& why) {
                           std::string error = why;
                           auto answer = answerOf(content, nk_message::STATE_RSP, error);
                           if (!answer) {
@@ -277,8 +355,7 @@ void Reconciler::pushImage(std::shared_ptr<Job> job)
     request.add(image.uid, tString(record->name), tString(record->type), &bytes);
     job->didPush("images");
     // IMAGE has no response of its own: the panel answers with its state, listing what it holds.
-    m_station.request(job->address, request, m_options.requestTimeout_s,
-                      [this, job, image, label](tBlob* content, std::string const& why) {
+    ask(job->address, request, [this, job, image, label](tBlob* content, std::string const& why) {
                           std::string error = why;
                           auto answer = answerOf(content, nk_message::STATE_RSP, error);
                           if (!answer) {
@@ -306,7 +383,7 @@ void Reconciler::removeImages(std::shared_ptr<Job> job)
     for (std::uint64_t uid : job->imagesToRemove) request.add(uid, tString(), tString("image/png"));
     job->removalsDone = true;
     job->didPush("image removals");
-    m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+    ask(job->address, request, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         auto answer = answerOf(content, nk_message::STATE_RSP, error);
         if (!answer) {
@@ -339,7 +416,7 @@ void Reconciler::pushConfig(std::shared_ptr<Job> job)
         return;
     }
     job->didPush("configuration");
-    m_station.request(job->address, *config, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+    ask(job->address, *config, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         auto answer = answerOf(content, nk_message::SET_CONFIG_RSP, error);
         if (!answer) {
@@ -367,7 +444,7 @@ void Reconciler::pushSchedules(std::shared_ptr<Job> job)
         return;
     }
     job->didPush("schedules");
-    m_station.request(job->address, *set, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+    ask(job->address, *set, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         auto answer = answerOf(content, nk_message::SET_SCHEDULES_RSP, error);
         if (!answer) {
@@ -390,7 +467,7 @@ void Reconciler::pushName(std::shared_ptr<Job> job)
     request.setTaskNewName(tString(*job->desired.name));
     job->namePushed = true;
     job->didPush("name");
-    m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+    ask(job->address, request, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         if (!answerOf(content, nk_message::STATE_RSP, error)) {
             finish(job, "failed", "name push: " + error);
@@ -407,7 +484,7 @@ void Reconciler::collect(std::shared_ptr<Job> job)
         return;
     }
     nk_messageEventsReq request(nk_message::VERSION_2);
-    m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+    ask(job->address, request, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         auto answer = answerOf(content, nk_message::EVENTS_RSP, error);
         if (answer) {
@@ -427,8 +504,7 @@ void Reconciler::collect(std::shared_ptr<Job> job)
             if (added > 0 && m_onChange) m_onChange({{"kind", "events"}, {"address", job->address}, {"new", added}});
         }
         nk_messageStatisticsReq statistics(nk_message::VERSION_1);
-        m_station.request(job->address, statistics, m_options.requestTimeout_s,
-                          [this, job](tBlob* content, std::string const& why) {
+        ask(job->address, statistics, [this, job](tBlob* content, std::string const& why) {
                               std::string error = why;
                               auto answer = answerOf(content, nk_message::STATISTICS_RSP, error);
                               if (answer) {
@@ -451,7 +527,7 @@ void Reconciler::collect(std::shared_ptr<Job> job)
 void Reconciler::collectDisplays(std::shared_ptr<Job> job)
 {
     nk_messageGetDisplayConfigurationReq request(nk_message::VERSION_1);
-    m_station.request(job->address, request, m_options.requestTimeout_s, [this, job](tBlob* content, std::string const& why) {
+    ask(job->address, request, [this, job](tBlob* content, std::string const& why) {
         std::string error = why;
         auto answer = answerOf(content, nk_message::GET_DISPLAY_CONFIGURATION_RSP, error);
         if (answer) {
@@ -472,14 +548,19 @@ void Reconciler::finish(std::shared_ptr<Job> job, std::string const& status, std
         const long long delay =
             std::min<long long>(base << std::min<unsigned int>(device.attempts - 1, 20), m_options.retryMax.count());
         device.nextAttempt_ms = nowMs() + delay;
-        // A panel that went away during the round keeps its work waiting.
-        setStatus(device, device.online ? "failed" : "pending", error);
+        // A panel that went away during the round keeps its work waiting (unless it refused the
+        // station, which no waiting mends).
+        if (device.online) setStatus(device, "failed", error);
+        else if (m_refusedLinks.count(job->address)) settleOffline(device, error);
+        else setStatus(device, "pending", error);
     } else {
         device.attempts = 0;
         device.nextAttempt_ms = 0;
         // A panel that went away while its last answers were on the way is offline, not in sync:
         // its presence arrived while the round was busy and left the status to this end.
-        setStatus(device, device.online ? status : "offline", error);
+        if (device.online) setStatus(device, status, error);
+        else if (m_refusedLinks.count(job->address)) settleOffline(device, error);
+        else setStatus(device, "offline", error);
     }
     save(device);
     m_busy.erase(job->address);

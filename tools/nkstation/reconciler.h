@@ -13,6 +13,7 @@
 
 #include "broker_station.h"
 #include "desired_state.h"
+#include "dial_out.h"
 #include "fleet_store.h"
 #include "image_store.h"
 
@@ -25,7 +26,9 @@
 // state is polled when a panel comes online, after every push and at a settable interval.
 // Events (deduplicated) and statistics samples are collected on the same round at their own
 // interval. Everything runs on the io_context's thread; the store is written through on every
-// change, so a restarted station resumes from what it kept.
+// change, so a restarted station resumes from what it kept. A device's transport says how it is
+// reached: "mqtt" through the broker, "tcp" by the station's own connection to its endpoint
+// (DialOut); both are worked on alike.
 class Reconciler
 {
 public:
@@ -41,7 +44,9 @@ public:
     // A change for the event stream: {"kind": ..., ...}.
     using ChangeHandler = std::function<void(nlohmann::json const& change)>;
 
-    Reconciler(asio::io_context& io, FleetStore& store, ImageStore& images, BrokerStation& station, Options options);
+    // broker may be null: a station without one reaches its dial-out panels only.
+    Reconciler(asio::io_context& io, FleetStore& store, ImageStore& images, BrokerStation* broker, DialOut& dialOut,
+               Options options);
 
     void onChange(ChangeHandler handler) { m_onChange = std::move(handler); }
     void start();
@@ -50,12 +55,22 @@ public:
     void desiredChanged();
     void deviceChanged(unsigned int address);
     void presence(unsigned int address, bool online);
+    // A panel's online flag on the broker; ignored while the panel is dialled out.
+    void brokerPresence(unsigned int address, bool online);
     void brokerConnection(bool connected);
+    // A dial-out panel's connection is up, or down (or cannot be made) for reason; refused says
+    // the panel was reached but refused (a certificate, TLS on one side only): it is shown
+    // failed with the reason rather than offline.
+    void linkUp(unsigned int address);
+    void linkDown(unsigned int address, std::string const& reason, bool refused);
 
     std::map<unsigned int, DeviceRecord> const& devices() const { return m_devices; }
     EffectiveDesired desiredFor(DeviceRecord const& device);
     // Registers a device not yet heard of, or moves it to another group.
     void setGroup(unsigned int address, std::string const& group);
+    // Registers a device, or changes how it is reached: transport "tcp" with its endpoint
+    // (HOST:PORT), which the station dials from then on, or "mqtt" (endpoint empty).
+    void setLink(unsigned int address, std::string const& transport, std::string const& endpoint);
     unsigned int inFlight() const { return m_inFlight; }
     std::size_t queued() const { return m_ready.size(); }
 
@@ -75,6 +90,10 @@ private:
     void collect(std::shared_ptr<Job> job);
     void collectDisplays(std::shared_ptr<Job> job);
     void finish(std::shared_ptr<Job> job, std::string const& status, std::string const& error);
+    // Sends a request by the device's transport; handler runs once, later.
+    void ask(unsigned int address, nk_message& message, BrokerStation::ResponseHandler handler);
+    // The status of a device that is not online and not being worked on.
+    void settleOffline(DeviceRecord& device, std::string const& error);
     void setStatus(DeviceRecord& device, std::string const& status, std::string const& error);
     void save(DeviceRecord const& device);
     void tick();
@@ -83,7 +102,8 @@ private:
     asio::io_context& m_io;
     FleetStore& m_store;
     ImageStore& m_images;
-    BrokerStation& m_station;
+    BrokerStation* m_broker;
+    DialOut& m_dialOut;
     Options m_options;
     ChangeHandler m_onChange;
     std::map<unsigned int, DeviceRecord> m_devices;
@@ -93,6 +113,8 @@ private:
     std::set<unsigned int> m_queued;
     std::set<unsigned int> m_busy;
     std::set<unsigned int> m_again;  // changed while busy: looked at again when done
+    std::map<unsigned int, bool> m_brokerOnline;      // the broker's flags, also of dial-out panels
+    std::map<unsigned int, std::string> m_refusedLinks;  // dial-out panels that refused the station
     unsigned int m_inFlight = 0;
     asio::steady_timer m_timer;
 };

@@ -62,6 +62,8 @@ const char* const kMigrations[] = {
          name TEXT NOT NULL,
          bytes INTEGER NOT NULL,
          created INTEGER NOT NULL);)",
+    // Where a panel reached by TCP dial-out (transport 'tcp') is dialled: HOST:PORT.
+    R"(ALTER TABLE devices ADD COLUMN endpoint TEXT NOT NULL DEFAULT '';)",
 };
 const int kSchemaVersion = static_cast<int>(sizeof kMigrations / sizeof kMigrations[0]);
 
@@ -172,12 +174,13 @@ public:
         Statement s(m_db,
                     "INSERT OR REPLACE INTO devices (address, grp, transport, last_seen, online, reported, serial, "
                     "name, cs_cfg, cs_sched, images, flags, version, status, last_error, attempts, next_attempt, "
-                    "pushed_images) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+                    "pushed_images, endpoint) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
         s.bind(1, static_cast<long long>(d.address)).bind(2, d.group).bind(3, d.transport).bind(4, d.lastSeen_ms);
         s.bind(5, d.online ? 1LL : 0LL).bind(6, d.reported ? 1LL : 0LL).bind(7, static_cast<long long>(d.serial));
         s.bind(8, d.name).bind(9, d.csCfg).bind(10, d.csSched).bind(11, images.dump());
         s.bind(12, static_cast<long long>(d.flags)).bind(13, d.version).bind(14, d.status).bind(15, d.lastError);
         s.bind(16, static_cast<long long>(d.attempts)).bind(17, d.nextAttempt_ms).bind(18, pushed.dump());
+        s.bind(19, d.endpoint);
         s.step();
     }
 
@@ -324,7 +327,7 @@ public:
 private:
     static constexpr char const* kSelectDevice =
         "SELECT address, grp, transport, last_seen, online, reported, serial, name, cs_cfg, cs_sched, images, flags, "
-        "version, status, last_error, attempts, next_attempt, pushed_images FROM devices";
+        "version, status, last_error, attempts, next_attempt, pushed_images, endpoint FROM devices";
     static constexpr char const* kSelectImage = "SELECT id, type, name, bytes, created FROM images";
 
     static ImageRecord readImage(Statement& s)
@@ -365,6 +368,7 @@ private:
         if (pushed.is_object())
             for (auto it = pushed.begin(); it != pushed.end(); ++it)
                 if (it.value().is_string()) d.pushedImages[std::stoull(it.key())] = it.value().get<std::string>();
+        d.endpoint = s.text(18);
         return d;
     }
 

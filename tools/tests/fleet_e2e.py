@@ -47,11 +47,11 @@ def broker(command, *extra):
 
 
 class Station:
-    def __init__(self, url, db="station.db"):
-        self.proc = start(ARGS.emulator + [ARGS.nkstation, "--mqtt", url, "--fleet", FLEET, "--db",
+    def __init__(self, url, db="station.db", *extra, fleet=FLEET):
+        self.proc = start(ARGS.emulator + [ARGS.nkstation, "--mqtt", url, "--fleet", fleet, "--db",
                                            ARGS.work + "/" + db, "--http", "127.0.0.1:0", "--timeout", "3",
                                            "--poll-interval", "4", "--collect-interval", "3",
-                                           "--max-concurrent", "8"])
+                                           "--max-concurrent", "8", *extra])
         line = read_line(self.proc)
         if not line:
             raise RuntimeError("nkstation did not start: " + (self.proc.stderr.read() if self.proc.poll() is not None
@@ -289,11 +289,95 @@ def migration_step(url, config):
     old = Station(url, "old.db")
     device = old.get("/api/devices/5")
     desired = old.get("/api/groups/hall/desired")
-    check(old.get("/api/summary")["schemaVersion"] == 3 and device["group"] == "hall"
+    check(old.get("/api/summary")["schemaVersion"] == 4 and device["group"] == "hall"
+          and device["transport"] == "mqtt" and device["endpoint"] is None
           and [i["id"] for i in device["reported"]["images"]] == [42] and desired["config"] == config
           and desired["name"] == "hall panel" and desired["images"] is None,
           "a store of schema version 2 is migrated and keeps its devices and desired state")
     old.kill()
+
+
+def listening_panel(address, port=0):
+    """A real nkdevice on a loopback TCP port, which the station dials: (process, HOST:PORT)."""
+    proc = start(ARGS.emulator + [ARGS.nkdevice, "--listen", "127.0.0.1:%d" % port, "--address", str(address),
+                                  "--data", "%s/listening-%d" % (ARGS.work, address)])
+    line = read_line(proc)
+    if not line:
+        raise RuntimeError("nkdevice --listen did not start")
+    return proc, json.loads(line)["address"]
+
+
+def dial_out_step(url, config, schedules):
+    """Panels the station dials over TCP, beside panels on the broker: one named on the command
+    line, one registered through the API; both are worked on as the broker panels are, and one
+    that goes away is shown offline with the reason and reconnected when it is back."""
+    fleet, first, named, registered = "dial", 5000, 5100, 5101
+    sim = start(ARGS.emulator + [ARGS.nkdevice, "--mqtt", url, "--fleet", fleet, "--simulate", "2",
+                                 "--address", str(first)])
+    if not read_line(sim):
+        raise RuntimeError("nkdevice --simulate did not start")
+    panel, endpoint = listening_panel(named)
+    other, other_endpoint = listening_panel(registered)
+    station = Station(url, "dial.db", "--panel", "%d@%s" % (named, endpoint), fleet=fleet)
+    check(station.get("/api/devices/%d" % named)["transport"] == "tcp" and
+          station.get("/api/devices/%d" % named)["endpoint"] == endpoint, "a --panel is registered with transport tcp")
+
+    for body, member in (({"transport": "udp"}, "transport"), ({"transport": "tcp"}, "endpoint"),
+                         ({"transport": "tcp", "endpoint": "127.0.0.1:0"}, "endpoint"),
+                         ({"transport": "tcp", "endpoint": "127.0.0.1:x"}, "endpoint"),
+                         ({"endpoint": other_endpoint}, "endpoint"), ({"colour": "red"}, "colour")):
+        status, answer = station.call("PUT", "/api/devices/%d" % registered, body)
+        check(status == 400 and answer.get("member") == member, "a device registration %s is refused naming %s: %s"
+              % (json.dumps(body), member, answer))
+    check(station.call("GET", "/api/devices/%d" % registered)[0] == 404, "refused registrations stored nothing")
+    status, answer = station.call("PUT", "/api/devices/%d" % registered, {"transport": "tcp", "endpoint": other_endpoint})
+    check(status == 200 and answer["endpoint"] == other_endpoint, "a panel is registered for dial-out through the API")
+
+    status, _ = station.call("PUT", "/api/groups/default/desired", {"config": config, "schedules": schedules})
+    check(status == 200, "the desired state of the mixed fleet is accepted")
+    addresses = [first, first + 1, named, registered]
+
+    def in_sync(cs=None):
+        devices = statuses(station)
+        return all(devices.get(a, {}).get("status") == "in sync" and devices[a]["online"] and
+                   devices[a]["reported"]["csCfg"] == devices[a]["desired"]["csCfg"] and
+                   (cs is None or devices[a]["reported"]["csCfg"] == cs) for a in addresses)
+
+    wait_for("dialled panels converge beside the broker's", in_sync)
+    summary = station.get("/api/summary")
+    check(summary["dialOut"] == {"panels": 2, "connected": 2} and summary["broker"]["connected"],
+          "the summary counts the dialled panels: %s" % summary.get("dialOut"))
+    check(any(e["address"] == named for e in station.get("/api/events?limit=100000")) and
+          any(s["address"] == named for s in station.get("/api/statistics?address=%d" % named)),
+          "events and statistics of a dialled panel are collected")
+
+    # The panel goes away: offline with the reason; a change made meanwhile waits for it, and
+    # the station dials it again once it is back on its port.
+    port = int(endpoint.rsplit(":", 1)[1])
+    panel.terminate()
+    panel.wait(30)
+    wait_for("a dialled panel that went away is offline with the reason",
+             lambda: (lambda d: not d["online"] and d["status"] in ("offline", "pending") and
+                      ("connection refused" in d["error"] or "closed by peer" in d["error"]))(
+                 station.get("/api/devices/%d" % named)), 60)
+    changed = dict(config, slideshowInterval_sec=45)
+    station.call("PUT", "/api/groups/default/desired", {"config": changed, "schedules": schedules})
+    wait_for("its change waits (pending) while it cannot be reached",
+             lambda: station.get("/api/devices/%d" % named)["status"] == "pending", 60)
+    panel, _ = listening_panel(named, port)
+    cs = station.get("/api/devices/%d" % named)["desired"]["csCfg"]
+    wait_for("the panel back on its port is dialled again and ends in sync with the change", lambda: in_sync(cs), 120)
+
+    # Back to the broker: the station stops dialling it.
+    status, answer = station.call("PUT", "/api/devices/%d" % registered, {"transport": "mqtt"})
+    check(status == 200 and answer["transport"] == "mqtt" and answer["endpoint"] is None,
+          "a panel is moved back to the broker")
+    wait_for("a panel moved to the broker is no longer dialled",
+             lambda: station.get("/api/summary")["dialOut"] == {"panels": 1, "connected": 1}, 30)
+    station.kill()
+    for proc in (sim, panel, other):
+        proc.kill()
+        proc.wait()
 
 
 def main():
@@ -402,6 +486,9 @@ def main():
     sim.send_signal(signal.SIGTERM)
     sim.wait(30)
     wait_for("cleanly stopped panels are offline", lambda: station.get("/api/summary")["online"] == 0, 60)
+    station.kill()
+
+    dial_out_step(url, config, schedules)
 
 
 if __name__ == "__main__":

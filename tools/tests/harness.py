@@ -20,10 +20,11 @@ def start(cmd, **kw):
     return proc
 
 
-def read_line(proc, seconds):
-    """The next line of a child's standard output, or None after the time limit."""
+def read_line(proc, seconds, stream=None):
+    """The next line of a child's standard output (or of stream), or None after the time limit."""
     result = []
-    reader = threading.Thread(target=lambda: result.append(proc.stdout.readline()), daemon=True)
+    source = stream or proc.stdout
+    reader = threading.Thread(target=lambda: result.append(source.readline()), daemon=True)
     reader.start()
     reader.join(seconds)
     return result[0] if result else None

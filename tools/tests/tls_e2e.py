@@ -11,8 +11,11 @@ saying so.
 broker: mosquitto started by scripts/broker.sh --tls: a panel cannot publish on another panel's
 topic nor read another's down topic (checked with mosquitto_pub/mosquitto_sub and that panel's
 certificate), expired, foreign and missing certificates are turned away, and nkstation brings
-simulated panels to their desired state over TLS; a revoked panel certificate is refused after
-the broker's restart.
+simulated panels to their desired state over TLS, beside a panel it dials over TLS; the panels
+it dials whose certificate names another panel or comes from another CA, and a plain one, are
+shown failed with the reason, as is a TLS panel dialled by a plain station; a client that
+disagrees with the broker on TLS is told so; a revoked panel certificate is refused after the
+broker's restart.
 """
 import argparse
 import json
@@ -191,7 +194,8 @@ def topic(address, kind):
 
 
 def broker_part(work):
-    make_certs(1001, 1002, 1003)
+    # The first address names the expired and the foreign panel certificates.
+    make_certs(1009, 1001, 1002, 1003, 2001, 2002)
     broker_dir = os.path.join(work, "broker")
     url = subprocess.run(["bash", ARGS.broker_script, "start", broker_dir, "--tls", CERTS, "--fleet", FLEET],
                          capture_output=True, text=True, timeout=60, check=True).stdout.strip()
@@ -226,6 +230,7 @@ def broker_part(work):
                                capture_output=True, timeout=60)
         check(plain.returncode != 0, "the broker refuses a plain client")
 
+        tls_on_one_side(work, url)
         fleet_over_tls(work, url)
 
         # A revoked panel certificate is refused once the broker has read the new list.
@@ -241,19 +246,70 @@ def broker_part(work):
         subprocess.run(["bash", ARGS.broker_script, "stop", broker_dir], timeout=60)
 
 
-def fleet_over_tls(work, url):
-    station = start([ARGS.nkstation, "--mqtt", url, "--fleet", FLEET, "--db", work + "/station.db", "--http",
-                     "127.0.0.1:0", "--timeout", "5", "--poll-interval", "5", *tls_args("station")])
+def warning_with(proc, fragment, seconds=60):
+    """The first line on a child's standard error that holds fragment, or None."""
+    deadline = time.time() + seconds
+    while time.time() < deadline:
+        line = harness.read_line(proc, deadline - time.time(), proc.stderr)
+        if not line:
+            return None
+        if fragment in line:
+            return line.strip()
+    return None
+
+
+def tls_on_one_side(work, url):
+    """A plain client on the TLS broker and a TLS client on a plain one hear why they are turned away."""
+    plain_dir = os.path.join(work, "plain-broker")
+    plain_url = subprocess.run(["bash", ARGS.broker_script, "start", plain_dir], capture_output=True, text=True,
+                               timeout=60, check=True).stdout.strip()
+    try:
+        station = start([ARGS.nkstation, "--mqtt", "mqtt://" + url.split("://", 1)[1], "--fleet", FLEET, "--db",
+                         work + "/plain-station.db", "--http", "127.0.0.1:0"])
+        line = warning_with(station, "takes TLS only")
+        check(line is not None and "mqtts://" in line, "a plain station on the TLS broker is told to use mqtts:// (%s)"
+              % line)
+        station.kill()
+        panel = start(ARGS.emulator + [ARGS.nkdevice, "--mqtt", "mqtts://" + plain_url.split("://", 1)[1], "--fleet",
+                                       FLEET, "--address", "1001", "--data", work + "/tls-on-plain",
+                                       *tls_args("panel-1001")])
+        line = warning_with(panel, "plain broker")
+        check(line is not None and "TLS handshake" in line, "a TLS panel on a plain broker is told so (%s)" % line)
+        panel.kill()
+    finally:
+        subprocess.run(["bash", ARGS.broker_script, "stop", plain_dir], timeout=60)
+
+
+def start_station(work, db, *args):
+    """nkstation on a free HTTP port; its API's address."""
+    station = start([ARGS.nkstation, "--db", os.path.join(work, db), "--http", "127.0.0.1:0", "--timeout", "5",
+                     "--poll-interval", "5", *args])
     line = harness.read_line(station, 60)
     if not line:
         raise RuntimeError("nkstation did not start: " + (station.stderr.read() if station.poll() is not None else ""))
-    http = "http://" + json.loads(line)["http"]
+    return station, "http://" + json.loads(line)["http"]
+
+
+def fleet_over_tls(work, url):
+    # Panels the station dials over TLS: one as it should be, one whose certificate names
+    # another panel, one whose certificate comes from another CA, and a plain one.
+    good, good_at = start_device(work, "dial-2001", "--address", "2001", *tls_args("panel-2001"))
+    _, other_named_at = start_device(work, "dial-2002", "--address", "2002", *tls_args("panel-2002"))
+    _, foreign_at = start_device(work, "dial-1009", "--address", "1009", "--tls-cert", CERTS + "/foreign-panel.crt",
+                                 "--tls-key", CERTS + "/foreign-panel.key", "--tls-ca", CERTS + "/ca.crt")
+    _, plain_at = start_device(work, "dial-2004", "--address", "2004")
+    panels_file = os.path.join(work, "panels.txt")
+    with open(panels_file, "w") as f:
+        f.write("# dialled over TLS\n1009@%s\n2004@%s\n" % (foreign_at, plain_at))
+    station, http = start_station(work, "station.db", "--mqtt", url, "--fleet", FLEET, *tls_args("station"),
+                                  "--tls-crl", CERTS + "/crl.pem", "--panel", "2001@" + good_at,
+                                  "--panel", "2003@" + other_named_at, "--panels-file", panels_file)
     start(ARGS.emulator + [ARGS.nkdevice, "--mqtt", url, "--fleet", FLEET, "--simulate", "3", "--address", "1001",
                            "--tls-cert", CERTS + "/panel-{address}.crt", "--tls-key", CERTS + "/panel-{address}.key",
                            "--tls-ca", CERTS + "/ca.crt"])
 
-    def get(path):
-        with urllib.request.urlopen(http + path, timeout=30) as response:
+    def get(path, base=http):
+        with urllib.request.urlopen(base + path, timeout=30) as response:
             return json.loads(response.read())
 
     def wait_for(what, predicate, seconds=180):
@@ -267,7 +323,8 @@ def fleet_over_tls(work, url):
             time.sleep(0.5)
         return check(False, what)
 
-    wait_for("three panels come online over TLS", lambda: get("/api/summary")["online"] == 3)
+    wait_for("three broker panels and one dialled panel come online over TLS",
+             lambda: get("/api/summary")["online"] == 4 and get("/api/devices/2001")["online"])
     config = json.load(open(os.path.join(ARGS.examples, "config.json")))
     schedules = json.load(open(os.path.join(ARGS.examples, "schedules.json")))
     request = urllib.request.Request(http + "/api/groups/default/desired", method="PUT",
@@ -277,11 +334,34 @@ def fleet_over_tls(work, url):
         check(response.status == 200, "the desired configuration is accepted")
 
     def in_sync():
-        devices = get("/api/devices")
-        return len(devices) == 3 and all(d["status"] == "in sync" and d["desired"].get("csCfg") and
+        devices = [d for d in get("/api/devices") if d["address"] in (1001, 1002, 1003, 2001)]
+        return len(devices) == 4 and all(d["status"] == "in sync" and d["desired"].get("csCfg") and
                                          d["reported"]["csCfg"] == d["desired"]["csCfg"] for d in devices)
 
-    wait_for("the fleet converges over TLS: every panel reports the desired configuration", in_sync)
+    wait_for("the fleet converges over TLS: every panel, on the broker or dialled, reports the desired "
+             "configuration", in_sync)
+
+    def refused(address, fragment):
+        device = get("/api/devices/%d" % address)
+        return device["status"] == "failed" and not device["online"] and fragment in device["error"]
+
+    wait_for("a dialled panel whose certificate names another panel is failed, saying so",
+             lambda: refused(2003, "names panel 2002, not panel 2003"))
+    wait_for("a dialled panel whose certificate comes from another CA is failed, saying so",
+             lambda: refused(1009, "was refused: unable to get local issuer certificate"))
+    # At once, not after a time-out: the plain device closes on the first TLS bytes.
+    wait_for("a plain panel dialled over TLS is failed with the plain port as the reason",
+             lambda: refused(2004, "closed the connection in the TLS handshake (a plain port, not TLS?)"))
+
+    # The same panel dialled by a station without TLS: the panel's alert says why.
+    plain, plain_http = start_station(work, "plain-station.db", "--panel", "2001@" + good_at)
+    wait_for("a TLS panel dialled by a plain station is failed, saying that it speaks TLS",
+             lambda: (lambda d: d["status"] == "failed" and "the peer speaks TLS" in d["error"] and
+                      "--tls-cert" in d["error"])(get("/api/devices/2001", plain_http)))
+    plain.kill()
+    check(get("/api/devices/2001")["status"] == "in sync", "the TLS station still has the panel in sync")
+    good.terminate()
+    good.wait(30)
 
 
 def main():

@@ -26,13 +26,17 @@ async function route() {
   }
 }
 
-// The header tells whether the station still reaches its broker.
+// The header tells whether the station still reaches its broker, and how many of the panels it
+// dials are connected.
 async function showConnection() {
   const box = document.getElementById("connection");
   try {
     const summary = await getJson("/api/summary");
-    box.textContent = summary.broker.connected ? "broker connected" : "broker not connected";
-    box.className = "connection " + (summary.broker.connected ? "up" : "down");
+    const parts = [];
+    if (summary.broker) parts.push(summary.broker.connected ? "broker connected" : "broker not connected");
+    if (summary.dialOut.panels > 0) parts.push(`${summary.dialOut.connected} of ${summary.dialOut.panels} dialled panels connected`);
+    box.textContent = parts.join(" · ") || "no broker, no dialled panels";
+    box.className = "connection " + (!summary.broker || summary.broker.connected ? "up" : "down");
   } catch {
     box.textContent = "station not reachable";
     box.className = "connection down";

@@ -56,7 +56,7 @@ export async function showPanel(main, address) {
           row("serial", reported.serial, "—"),
           row("software version", reported.version, "—"),
           row("mobile link", reported.mobile ? `${reported.mobile.link} (${reported.mobile.active ? "up" : "down"})` : undefined, "—"),
-          row("transport", device.transport, "—")))),
+          row("transport", device.endpoint ? `${device.transport} to ${device.endpoint}` : device.transport, "—")))),
       await drawThumbnails(reported.images || [], imageSet || []));
     timelineBox.replaceChildren(el("h2", { id: "timeline-heading" }, "Schedule timeline"),
       drawTimeline(desired.schedules, desired.config));
