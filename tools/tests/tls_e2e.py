@@ -298,6 +298,9 @@ def fleet_over_tls(work, url):
     _, foreign_at = start_device(work, "dial-1009", "--address", "1009", "--tls-cert", CERTS + "/foreign-panel.crt",
                                  "--tls-key", CERTS + "/foreign-panel.key", "--tls-ca", CERTS + "/ca.crt")
     _, plain_at = start_device(work, "dial-2004", "--address", "2004")
+    # ... and one that trusts another CA than the station's, so it refuses the station.
+    _, distrustful_at = start_device(work, "distrustful-2002", "--address", "2002", "--tls-cert", CERTS + "/panel-2002.crt",
+                                     "--tls-key", CERTS + "/panel-2002.key", "--tls-ca", CERTS + "/foreign/ca.crt")
     panels_file = os.path.join(work, "panels.txt")
     with open(panels_file, "w") as f:
         f.write("# dialled over TLS\n1009@%s\n2004@%s\n" % (foreign_at, plain_at))
@@ -323,6 +326,10 @@ def fleet_over_tls(work, url):
             time.sleep(0.5)
         return check(False, what)
 
+    request = urllib.request.Request(http + "/api/devices/2002", method="PUT",
+                                     data=json.dumps({"transport": "tcp", "endpoint": distrustful_at}).encode())
+    with urllib.request.urlopen(request, timeout=30) as response:
+        check(response.status == 200, "a panel to dial over TLS is registered through the API")
     wait_for("three broker panels and one dialled panel come online over TLS",
              lambda: get("/api/summary")["online"] == 4 and get("/api/devices/2001")["online"])
     config = json.load(open(os.path.join(ARGS.examples, "config.json")))
@@ -349,6 +356,8 @@ def fleet_over_tls(work, url):
              lambda: refused(2003, "names panel 2002, not panel 2003"))
     wait_for("a dialled panel whose certificate comes from another CA is failed, saying so",
              lambda: refused(1009, "was refused: unable to get local issuer certificate"))
+    wait_for("a dialled panel that refuses the station's certificate is failed, saying so",
+             lambda: refused(2002, "refused this side's TLS certificate"))
     # At once, not after a time-out: the plain device closes on the first TLS bytes.
     wait_for("a plain panel dialled over TLS is failed with the plain port as the reason",
              lambda: refused(2004, "closed the connection in the TLS handshake (a plain port, not TLS?)"))
