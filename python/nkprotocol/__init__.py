@@ -40,4 +40,4 @@ from ._nkprotocol import (  # noqa: F401
     type_name,
     vector_u64_checksum,
 )
-from .station import ChecksumMismatch, Station, StationError  # noqa: F401
+from .station import ChecksumMismatch, Station, StationError, StationTls  # noqa: F401

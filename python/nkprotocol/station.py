@@ -7,12 +7,18 @@
 
 Each request goes through the library's engine; the answer comes back as a message object, and
 a push is verified against the checksum (or state) that the panel reports.
+
+Both links take mutual TLS 1.3 (``tls=StationTls(cert, key, ca)``): over TCP the panel's
+certificate must chain to the CA and name the panel's address as its common name, as the C++
+tools check; over MQTT the broker's must chain to the CA and name the broker's host.
 """
 from __future__ import annotations
 
 import asyncio
 import math
+import ssl
 import time
+from dataclasses import dataclass
 from typing import Any, Callable, Dict, Mapping, Optional, Set, Union
 
 from . import _nkprotocol as _nk
@@ -37,24 +43,96 @@ class ChecksumMismatch(StationError):
         self.reported = reported
 
 
+@dataclass(frozen=True)
+class StationTls:
+    """The station's side of mutual TLS 1.3, as PEM files: its certificate and key, the CA that
+    panels' and the broker's certificates must chain to, and optionally the CA's revocation list
+    (then a revoked peer certificate is refused)."""
+
+    cert: str
+    key: str
+    ca: str
+    crl: Optional[str] = None
+
+    def context(self, check_hostname: bool = False) -> ssl.SSLContext:
+        """A client context on these files. Over TCP no host name is checked: the station checks
+        that the panel's certificate names the panel's address instead. Raises ValueError naming
+        a file that cannot serve."""
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+        context.minimum_version = ssl.TLSVersion.TLSv1_3
+        context.check_hostname = check_hostname
+        context.verify_mode = ssl.CERT_REQUIRED
+        try:
+            context.load_cert_chain(self.cert, self.key)
+        except (OSError, ssl.SSLError) as e:
+            raise ValueError(f"cannot use the TLS certificate {self.cert} with the key {self.key}: {e}") from e
+        for what, path in (("CA", self.ca), ("revocation list", self.crl)):
+            try:
+                if path:
+                    context.load_verify_locations(cafile=path)
+            except (OSError, ssl.SSLError) as e:
+                raise ValueError(f"cannot use the TLS {what} {path}: {e}") from e
+        if self.crl:
+            context.verify_flags |= ssl.VERIFY_CRL_CHECK_LEAF
+        return context
+
+
+TlsOption = Union[StationTls, ssl.SSLContext, None]
+
+
+def _context(tls: TlsOption, check_hostname: bool) -> Optional[ssl.SSLContext]:
+    return tls.context(check_hostname) if isinstance(tls, StationTls) else tls
+
+
+def _names_panel(name: str, address: int) -> bool:
+    """A panel's certificate names its address in decimal without leading zeros (CN=1001), as
+    the broker topics write it."""
+    return name.isdigit() and name.isascii() and (name == "0" or not name.startswith("0")) and int(name) == address
+
+
+def _common_name(peercert: Optional[Dict[str, Any]]) -> str:
+    for rdn in (peercert or {}).get("subject", ()):
+        for key, value in rdn:
+            if key == "commonName":
+                return value
+    return ""
+
+
+def _looks_like_tls(data: bytes) -> bool:
+    """A TLS record (handshake or alert) begins so; the protocol's frames never do."""
+    return len(data) >= 3 and data[0] in (0x15, 0x16) and data[1] == 0x03 and data[2] <= 0x04
+
+
 class _TcpLink:
-    """Frame bytes over one TCP connection."""
+    """Frame bytes over one TCP connection, plain or TLS."""
 
     def __init__(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter,
                  on_data: Callable[[bytes], None], on_close: Callable[[str], None]) -> None:
         self._writer = writer
+        self._tls = writer.get_extra_info("ssl_object") is not None
         self._task = asyncio.get_running_loop().create_task(self._read(reader, on_data, on_close))
 
     async def _read(self, reader, on_data, on_close) -> None:
         reason = "the panel closed the connection"
+        first = True
         try:
             while True:
                 data = await reader.read(65536)
                 if not data:
                     break
+                # A TLS panel answers a plain station's frames with an alert and closes.
+                if first and not self._tls and _looks_like_tls(data):
+                    reason = "the panel speaks TLS, this side plain TCP (give tls=StationTls(...))"
+                    self._writer.close()
+                    break
+                first = False
                 on_data(data)
         except asyncio.CancelledError:
             reason = "the station closed the connection"
+        except ssl.SSLError as e:
+            # In TLS 1.3 a client hears that its certificate was refused only when it reads.
+            reason = (f"the panel refused this side's TLS certificate ({e.reason or e})" if first
+                      else f"TLS error: {e.reason or e}")
         except OSError as e:
             reason = f"connection failed: {e}"
         on_close(reason)
@@ -83,7 +161,7 @@ class _MqttLink:
     @classmethod
     async def connect(cls, host: str, port: int, prefix: str, fleet: str, address: int,
                       on_data: Callable[[bytes], None], on_close: Callable[[str], None],
-                      timeout: float) -> "_MqttLink":
+                      timeout: float, tls: TlsOption = None) -> "_MqttLink":
         import paho.mqtt.client as mqtt
 
         loop = asyncio.get_running_loop()
@@ -91,6 +169,9 @@ class _MqttLink:
         topics = {"down": base + "/down", "up": base + "/up", "online": base + "/online"}
         client = mqtt.Client(client_id=f"nkstation-py-{address}-{id(loop):x}-{time.monotonic_ns():x}",
                              clean_session=True, protocol=mqtt.MQTTv311)
+        if tls is not None:
+            # The broker's certificate names its host, which is checked.
+            client.tls_set_context(_context(tls, check_hostname=True))
         link = cls(client, topics)
         ready: asyncio.Future = loop.create_future()
 
@@ -119,6 +200,11 @@ class _MqttLink:
         def on_disconnect(c, userdata, rc):
             if rc != 0:
                 loop.call_soon_threadsafe(on_close, f"lost the broker: {mqtt.error_string(rc)}")
+                # Closed before any answer: a TLS listener does that to a plain client.
+                if tls is None:
+                    loop.call_soon_threadsafe(settle, ConnectionError(
+                        f"the broker at {host}:{port} closed the connection before accepting it, as a broker that "
+                        "takes TLS only does with a plain client: give tls=StationTls(...)"))
 
         client.on_connect = on_connect
         client.on_subscribe = on_subscribe
@@ -126,6 +212,14 @@ class _MqttLink:
         client.on_disconnect = on_disconnect
         try:
             await loop.run_in_executor(None, client.connect, host, port, 30)
+        except ssl.SSLCertVerificationError as e:
+            raise ConnectionError(f"the TLS certificate of the broker at {host}:{port} was refused: "
+                                  f"{e.verify_message}") from e
+        except (ssl.SSLEOFError, ConnectionResetError) as e:
+            if tls is None:
+                raise ConnectionError(f"cannot reach the broker at {host}:{port}: {e}") from e
+            raise ConnectionError(f"the broker at {host}:{port} closed the connection in the TLS handshake, as a "
+                                  "plain broker does with a TLS client: connect without tls") from e
         except OSError as e:
             raise ConnectionError(f"cannot reach the broker at {host}:{port}: {e}") from e
         client.loop_start()
@@ -166,21 +260,46 @@ class Station:
         self._ticker: Optional[asyncio.Task] = None
 
     @classmethod
-    async def tcp(cls, host: str, port: int, address: int = 1, **options: Any) -> "Station":
+    async def tcp(cls, host: str, port: int, address: int = 1, tls: TlsOption = None,
+                  **options: Any) -> "Station":
+        """The panel at host:port; with tls (a :class:`StationTls`, or an ssl.SSLContext of the
+        caller's) over TLS, where the panel's certificate must also name address. A refused
+        certificate, TLS on one side only or an unreachable panel raise ConnectionError saying
+        which."""
         station = cls(address, **options)
+        where = f"{host}:{port}"
         try:
-            reader, writer = await asyncio.wait_for(asyncio.open_connection(host, port), station.timeout)
+            reader, writer = await asyncio.wait_for(
+                asyncio.open_connection(host, port, ssl=_context(tls, check_hostname=False)), station.timeout)
+        except ssl.SSLCertVerificationError as e:
+            raise ConnectionError(f"the TLS certificate of {where} was refused: {e.verify_message}") from e
+        except (ssl.SSLEOFError, ConnectionResetError) as e:
+            if tls is None:
+                raise ConnectionError(f"cannot reach the panel at {where}: {e}") from e
+            raise ConnectionError(f"{where} closed the connection in the TLS handshake (a plain port, not TLS?)") from e
+        except ssl.SSLError as e:
+            raise ConnectionError(f"TLS handshake with {where} failed: {e.reason or e}") from e
         except (OSError, asyncio.TimeoutError) as e:
-            raise ConnectionError(f"cannot reach the panel at {host}:{port}: {e or 'timed out'}") from e
+            raise ConnectionError(f"cannot reach the panel at {where}: {e or 'timed out'}") from e
+        if tls is not None:
+            # The CA alone would let any panel of the fleet answer for another.
+            name = _common_name(writer.get_extra_info("peercert"))
+            if not _names_panel(name, address):
+                writer.close()
+                named = f"panel {name}" if name.isdigit() else repr(name)
+                raise ConnectionError(f"the TLS certificate of {where} names {named}, not panel {address}")
         station._start(_TcpLink(reader, writer, station._received, station._lost))
         return station
 
     @classmethod
     async def mqtt(cls, host: str, port: int, fleet: str, address: int, prefix: str = "nk",
-                   **options: Any) -> "Station":
+                   tls: TlsOption = None, **options: Any) -> "Station":
+        """The panel through the broker at host:port; with tls (a :class:`StationTls`) over TLS
+        1.3 with the station's client certificate, the broker's certificate checked against the
+        CA and the host name (an ssl.SSLContext given instead is used as it is)."""
         station = cls(address, **options)
         link = await _MqttLink.connect(host, port, prefix, fleet, address, station._received, station._lost,
-                                       station.timeout)
+                                       station.timeout, tls)
         station._start(link)
         return station
 
