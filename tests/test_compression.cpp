@@ -299,3 +299,55 @@ TEST(Compression, LongHuffmanStreamsDecodeLikeOneChain)
     }
     EXPECT_GT(refused, 0);
 }
+
+namespace
+{
+// The PackBits size of the greedy rule, written plainly: the reference for the encoder's run
+// search, which passes long stretches without runs many positions at a time.
+uint64_t plainPackBitsSize(Bytes const& d)
+{
+    uint64_t size = 4;
+    std::size_t i = 0;
+    auto runAt = [&](std::size_t p) { return p + 2 < d.size() && d[p] == d[p + 1] && d[p + 1] == d[p + 2]; };
+    while (i < d.size()) {
+        if (runAt(i)) {
+            std::size_t j = i;
+            while (j < d.size() && j - i < 128 && d[j] == d[i]) ++j;
+            size += 2;
+            i = j;
+            continue;
+        }
+        std::size_t j = i;
+        while (j < d.size() && !runAt(j)) ++j;
+        size += (j - i) + (j - i + 127) / 128;
+        i = j;
+    }
+    return size;
+}
+}
+
+// A run may start at any position of the blocks the search steps through, at the very end,
+// or not at all; the sizes (and so the compression choice) are the plain rule's.
+TEST(Compression, RunSearchFindsEveryRunStart)
+{
+    const Bytes noise = randomBytes(5000, 21);
+    Bytes withoutRuns = noise;
+    for (std::size_t i = 2; i < withoutRuns.size(); ++i)
+        if (withoutRuns[i] == withoutRuns[i - 1] && withoutRuns[i - 1] == withoutRuns[i - 2]) withoutRuns[i] ^= 1;
+    std::vector<Bytes> inputs = {withoutRuns};
+    for (std::size_t at = 0; at < 2100; at += at < 80 ? 1 : 37) {
+        for (std::size_t length : {2u, 3u, 4u, 130u}) {
+            Bytes d = withoutRuns;
+            d.resize(std::min<std::size_t>(d.size(), at + length + (at % 3 ? 1100 : 1) + at % 50));
+            for (std::size_t k = at; k < at + length && k < d.size(); ++k) d[k] = 0x5A;
+            inputs.push_back(d);
+        }
+    }
+    for (Bytes const& data : inputs) {
+        SCOPED_TRACE(data.size());
+        unsigned int rle = 0, huffman = 0;
+        tCompression::encodedSizes(data.data(), static_cast<unsigned int>(data.size()), rle, huffman);
+        ASSERT_EQ(plainPackBitsSize(data), rle);
+        ASSERT_EQ(tCompression::encodeHuffman(blobOf(data)).size(), huffman);
+    }
+}
