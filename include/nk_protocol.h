@@ -127,6 +127,7 @@ private:
     unsigned int m_u32Searched;
     unsigned int m_u32FirstStart;
     unsigned int m_u32FirstEnd;
+    bool m_bEndFromHeader;  // m_u32FirstEnd was taken from the frame's length field, unchecked
 
     // Large buffers are kept from one poll to the next only while every poll needs them
     // again (a sustained transfer), so fresh pages are not mapped and zeroed for every

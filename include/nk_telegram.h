@@ -141,6 +141,16 @@ public:
     // names that range instead of owning a copy (appendTo must outlive the part's use of
     // it); an invalid frame leaves appendTo as it was. For a receiver that joins parts.
     bool streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo);
+    // The same for a caller that took endIndex from the frame's own length field (see
+    // frameEndFromHeader) instead of searching the stream for it: the frame is read only if
+    // no byte between the two indices is a start or end byte, which decoding checks as it
+    // goes. If one is, nothing is read or removed, appendTo is as it was, false is returned
+    // and *endUnconfirmed set: the caller must then search for the first end byte.
+    bool streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo,
+                                bool* endUnconfirmed);
+    // Where the end byte of the frame that starts at startIndex lies if its length field is
+    // right (0xFFFFFFFF while the stream holds too little of the frame to tell).
+    static unsigned int frameEndFromHeader(tBlob const* stream, unsigned int startIndex);
     // Reads only the header of the frame between the two indices into this part (address,
     // ids, time stamp, flags), leaving the stream and the payload alone: a receiver can then
     // choose where the payload goes before decoding it. False when the frame is too short
@@ -149,6 +159,8 @@ public:
 
 private:
     friend class nk_telegram;
+    enum { kFrameInvalid, kFrameValid, kFrameUnconfirmed };
+    int readFrame(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo, bool checkBetween);
     bool readBody(tBlob& body);
     // Makes the bytes [offset, offset + length) of host this part's payload without copying
     // them; host must outlive the part or the part must stop using it (payload() copies).

@@ -61,7 +61,7 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
       m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_incomingHoles(0), m_oldestIncoming(0), m_incomingBytes(0),
       m_u32MaxIncomingContexts(0), m_u64MaxIncomingBytes(0),
       m_u32Searched(0),
-      m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
+      m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_bEndFromHeader(false), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
       m_bSpareFromThisPoll(false), m_u32StreamPeak(0)
 {
     // Engines may be built on different threads; the hook is one word shared by all.
@@ -267,17 +267,29 @@ bool nk_protocol::frameMayBeReady()
     const unsigned int size = m_pStream->size();
     if (m_u32Searched < size) {
         unsigned char const* bytes = m_pStream->getBuffer();
-        unsigned char const* from = bytes + m_u32Searched;
-        const std::size_t length = size - m_u32Searched;
-        if (m_u32FirstStart == kNotFound) {
-            void const* hit = std::memchr(from, kFrameStart, length);
-            if (hit) m_u32FirstStart = static_cast<unsigned int>(static_cast<unsigned char const*>(hit) - bytes);
-        }
+        auto find = [bytes](unsigned char b, unsigned int from, unsigned int to) {
+            void const* hit = std::memchr(bytes + from, b, to - from);
+            return hit ? static_cast<unsigned int>(static_cast<unsigned char const*>(hit) - bytes) : kNotFound;
+        };
+        if (m_u32FirstStart == kNotFound) m_u32FirstStart = find(kFrameStart, m_u32Searched, size);
         if (m_u32FirstEnd == kNotFound) {
-            void const* hit = std::memchr(from, kFrameEnd, length);
-            if (hit) m_u32FirstEnd = static_cast<unsigned int>(static_cast<unsigned char const*>(hit) - bytes);
+            unsigned int from = m_u32Searched;
+            if (m_u32FirstStart != kNotFound && m_u32Searched <= m_u32FirstStart) {
+                // Nothing after the start byte searched yet. Unless an end byte comes first,
+                // the frame's length field says where its end byte must be; reading the frame
+                // checks that no other start or end byte lies before it (see parseStream), so
+                // the bytes of a large frame are not searched in a pass of their own.
+                m_u32FirstEnd = find(kFrameEnd, m_u32Searched, m_u32FirstStart);
+                const unsigned int end = nk_telegramPart::frameEndFromHeader(m_pStream, m_u32FirstStart);
+                if (m_u32FirstEnd == kNotFound && end < size && bytes[end] == kFrameEnd) {
+                    m_u32FirstEnd = end;
+                    m_bEndFromHeader = true;
+                }
+                from = m_u32FirstStart + 1;
+            }
+            if (m_u32FirstEnd == kNotFound) m_u32FirstEnd = find(kFrameEnd, from, size);
         }
-        m_u32Searched = size;
+        m_u32Searched = m_bEndFromHeader ? m_u32FirstStart + 1 : size;
     }
     // Anything else leaves the stream as it is; streamContainsTelegram would say false.
     return m_u32FirstStart != kNotFound && m_u32FirstEnd != kNotFound && m_u32FirstEnd > m_u32FirstStart;
@@ -316,7 +328,16 @@ void nk_protocol::parseStream()
             target = joinTarget(part, scratch);
             if (!target) incomingLock.release();
         }
-        const bool valid = part.streamContainsTelegram(m_pStream, m_u32FirstStart, m_u32FirstEnd, target);
+        bool endUnconfirmed = false;
+        const bool valid = part.streamContainsTelegram(m_pStream, m_u32FirstStart, m_u32FirstEnd, target,
+                                                       m_bEndFromHeader ? &endUnconfirmed : nullptr);
+        m_bEndFromHeader = false;
+        if (endUnconfirmed) {
+            // Another start or end byte lies inside: the frame ends at the first end byte,
+            // which is searched for from the start byte on, as for any other frame.
+            m_u32FirstEnd = kNotFound;
+            continue;
+        }
         m_u32Searched = 0;
         m_u32FirstStart = m_u32FirstEnd = kNotFound;
         if (!valid) break;

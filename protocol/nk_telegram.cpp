@@ -12,7 +12,7 @@ const int kErrorTryAgain = 11;        // EAGAIN on the platforms the library run
 const unsigned int kRetryWait_ms = 500;
 const unsigned int kMaxRetries = 4;   // the fifth zero return in a row gives up
 const long long kDefaultTimeout_s = 10;
-const unsigned int kSendBatch = 4u << 20;  // bytes of frames handed to the link per call
+const unsigned int kSendBatch = 1u << 20;  // bytes of frames handed to the link per call
 
 // Hands all of buffer to the link, waiting on EAGAIN; retries counts the zero returns in a row.
 bool sendAll(nk_server* server, void* ctx, nk_telegram::tSendFcn sendFn, tBlob& buffer, unsigned char& retries)
@@ -178,14 +178,19 @@ bool nk_telegram::send(nk_server* server, void* ctx, tSendFcn sendFn, tBlob* fra
     tBlob& buffer = frameBuffer ? *frameBuffer : local;
     buffer.clear();
     uint64_t frames = 0;
+    unsigned int largestFrame = 0;
     for (nk_telegramPart* p : m_parts)
-        if (p) frames += p->serializedSize();
+        if (p) {
+            frames += p->serializedSize();
+            largestFrame = std::max(largestFrame, p->serializedSize());
+        }
     if (frames > 0xFFFFFFFFu) return false;
-    // The frames go to the link a few MiB at a time, each batch encoded into the same
+    // The frames go to the link about a MiB at a time, each batch encoded into the same
     // buffer: a large telegram needs no buffer the size of its frames (whose fresh pages
-    // were most of the cost of a first large transfer). Telegrams up to one batch go in one
-    // call, as before; larger ones in calls that end on frame boundaries, the same bytes.
-    buffer.reserve(static_cast<unsigned int>(frames < kSendBatch ? frames : kSendBatch));
+    // were most of the cost of a first large transfer), and a batch is still in the cache
+    // when the link copies it. Telegrams up to one batch go in one call, as before; larger
+    // ones in calls that end on frame boundaries, the same bytes.
+    buffer.reserve(std::max(static_cast<unsigned int>(frames < kSendBatch ? frames : kSendBatch), largestFrame));
     std::size_t next = 0;
     while (next < m_parts.size()) {
         buffer.clear();

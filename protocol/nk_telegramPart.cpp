@@ -25,6 +25,31 @@ uint64_t frameBytes(uint64_t payloadLength)
     return 2 + (8 * body + 6) / 7;
 }
 
+// Payload bytes encoded (or decoded) per step while a CRC runs over the same bytes: the CRC
+// then reads them from the first-level cache instead of making a second pass of its own.
+const unsigned int kCrcPiece = 16384;
+const unsigned int kEncodedPiece = kCrcPiece / 7 * 8;  // whole 8-byte groups: 18,720 bytes
+
+// Decodes n encoded bytes to dst and continues crc over what they decode to; with check,
+// also whether every one of them was an encoded byte (see base128::decodeChecked).
+bool decodeWithCrc(unsigned char* dst, unsigned char const* src, unsigned int n, unsigned char& crc, bool check)
+{
+    bool allEncoded = true;
+    while (n != 0) {
+        const unsigned int take = n < kEncodedPiece ? n : kEncodedPiece;
+        const unsigned int produced = base128::decodedSize(take);
+        if (check)
+            allEncoded &= base128::decodeChecked(dst, src, take);
+        else
+            base128::decode(dst, src, take);
+        crc = crc_crc8update(crc, dst, produced);
+        dst += produced;
+        src += take;
+        n -= take;
+    }
+    return allEncoded;
+}
+
 // Base-128 encodes a body given in pieces straight into the frame. Seven input bytes are
 // exactly eight output bytes, so encoding in multiples of seven gives the same bytes as
 // encoding the joined body at once; only the seams go through a small carry buffer.
@@ -198,14 +223,18 @@ bool nk_telegramPart::serialize(tBlob* out)
     nk::writeLE<uint32_t>(header + 21, length);
     unsigned char const* payload = payloadBytes();
     unsigned char crc = crc_crc8init(header, kHeaderBytes);
-    crc = crc_crc8update(crc, payload, length);
 
     const unsigned int start = out->size();
     unsigned char* frame = out->resize(start + static_cast<unsigned int>(total)) + start;
     frame[0] = kFrameStart;
     tBase128Writer writer(frame + 1);
     writer.feed(header, kHeaderBytes);
-    writer.feed(payload, length);
+    for (unsigned int done = 0; done < length;) {
+        const unsigned int take = length - done < kCrcPiece ? length - done : kCrcPiece;
+        writer.feed(payload + done, take);
+        crc = crc_crc8update(crc, payload + done, take);
+        done += take;
+    }
     writer.feed(&crc, kCrcBytes);
     *writer.finish() = kFrameEnd;
     return true;
@@ -219,27 +248,30 @@ bool nk_telegramPart::streamContainsTelegram(tBlob* stream)
 
 bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex)
 {
-    if (!stream || stream->size() == 0) return false;
-    // Deliberate: a stray end byte ahead of the next start byte is not skipped, and the
-    // stream waits until it is gone. Peers rely on a frame never being cut out of bytes
-    // that began before it, so this stays.
-    if (startIndex == 0xFFFFFFFFu || endIndex >= stream->size() ||
-        static_cast<int32_t>(endIndex) <= static_cast<int32_t>(startIndex))
-        return false;
+    return readFrame(stream, startIndex, endIndex, nullptr, false) == kFrameValid;
+}
 
-    bool valid = false;
-    const unsigned int encodedLength = endIndex - startIndex - 1;
-    if (encodedLength != 0) {
-        // The decoded body is never longer than the encoded bytes that are present, so this
-        // allocation is bounded by the input. It becomes the payload when the frame is good.
-        tBlob body;
-        const unsigned int bodyLength = base128::decodedSize(encodedLength);
-        unsigned char* b = body.resize(bodyLength);
-        base128::decode(b, stream->getBuffer() + startIndex + 1, encodedLength);
-        if (crc_crc8init(b, bodyLength) == 0) valid = readBody(body);
-    }
-    stream->slice(endIndex + 1);
-    return valid;
+bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex,
+                                             tBlob* appendTo)
+{
+    return readFrame(stream, startIndex, endIndex, appendTo, false) == kFrameValid;
+}
+
+bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex,
+                                             tBlob* appendTo, bool* endUnconfirmed)
+{
+    const int result = readFrame(stream, startIndex, endIndex, appendTo, endUnconfirmed != nullptr);
+    if (endUnconfirmed) *endUnconfirmed = result == kFrameUnconfirmed;
+    return result == kFrameValid;
+}
+
+unsigned int nk_telegramPart::frameEndFromHeader(tBlob const* stream, unsigned int startIndex)
+{
+    if (!stream || startIndex >= stream->size() || stream->size() - startIndex - 1 < 32) return 0xFFFFFFFFu;
+    unsigned char header[28];
+    base128::decode(header, stream->getBuffer() + startIndex + 1, 32);
+    const uint64_t end = uint64_t(startIndex) + frameBytes(nk::readLE<uint32_t>(header + 21)) - 1;
+    return end >= 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<unsigned int>(end);
 }
 
 bool nk_telegramPart::peekHeader(tBlob const* stream, unsigned int startIndex, unsigned int endIndex)
@@ -272,51 +304,65 @@ bool nk_telegramPart::readHeader(unsigned char const* b, unsigned int n, unsigne
     return true;
 }
 
-bool nk_telegramPart::streamContainsTelegram(tBlob* stream, unsigned int startIndex, unsigned int endIndex,
-                                             tBlob* appendTo)
+int nk_telegramPart::readFrame(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo,
+                               bool checkBetween)
 {
-    if (!appendTo) return streamContainsTelegram(stream, startIndex, endIndex);
-    if (!stream || stream->size() == 0) return false;
+    if (!stream || stream->size() == 0) return kFrameInvalid;
+    // Deliberate: a stray end byte ahead of the next start byte is not skipped, and the
+    // stream waits until it is gone. Peers rely on a frame never being cut out of bytes
+    // that began before it, so this stays.
     if (startIndex == 0xFFFFFFFFu || endIndex >= stream->size() ||
         static_cast<int32_t>(endIndex) <= static_cast<int32_t>(startIndex))
-        return false;
+        return kFrameInvalid;
     const unsigned int encodedLength = endIndex - startIndex - 1;
-    // Whole 8-byte groups decode to whole 7-byte groups on their own, so the first 32
-    // encoded bytes give the header and the first three payload bytes, and the rest decodes
-    // straight to its place behind them. Frames too short for that take the plain way.
-    if (encodedLength <= 32) {
-        if (!streamContainsTelegram(stream, startIndex, endIndex)) return false;
-        tBlob copy;
-        copy.swap(*ownPayload());
-        const unsigned int at = appendTo->size();
-        appendTo->append(copy);
-        host(appendTo, at, copy.size());
-        return true;
-    }
-    const unsigned int bodyLength = base128::decodedSize(encodedLength);
     unsigned char const* encoded = stream->getBuffer() + startIndex + 1;
-    unsigned char head[28];
-    base128::decode(head, encoded, 32);
-    const unsigned int at = appendTo->size();
     bool valid = false;
-    if (static_cast<uint64_t>(at) + bodyLength <= 0xFFFFFFFFu) {
-        unsigned char* tail = appendTo->resize(at + bodyLength - kHeaderBytes) + at;
-        std::memcpy(tail, head + kHeaderBytes, 28 - kHeaderBytes);
-        base128::decode(tail + 28 - kHeaderBytes, encoded + 32, encodedLength - 32);
-        unsigned char crc = crc_crc8init(head, kHeaderBytes);
-        crc = crc_crc8update(crc, tail, bodyLength - kHeaderBytes);
-        unsigned int length = 0;
-        // As readBody: the length must fit the bytes behind the header.
-        if (crc == 0 && nk::readLE<uint32_t>(head + 21) <= bodyLength - kHeaderBytes) {
-            valid = readHeader(head, kHeaderBytes, length);
-            appendTo->resize(at + length);
-            host(appendTo, at, length);
+    if (encodedLength != 0 && (!appendTo || encodedLength <= 32)) {
+        // The decoded body is never longer than the encoded bytes that are present, so this
+        // allocation is bounded by the input. It becomes the payload when the frame is good.
+        tBlob body;
+        const unsigned int bodyLength = base128::decodedSize(encodedLength);
+        unsigned char* b = body.resize(bodyLength);
+        unsigned char crc = 0;
+        if (!decodeWithCrc(b, encoded, encodedLength, crc, checkBetween)) return kFrameUnconfirmed;
+        if (crc == 0) valid = readBody(body);
+        if (valid && appendTo) {
+            // Too short to decode in place: the payload is appended and named from there.
+            tBlob copy;
+            copy.swap(*ownPayload());
+            const unsigned int at = appendTo->size();
+            appendTo->append(copy);
+            host(appendTo, at, copy.size());
+        }
+    } else if (encodedLength != 0) {
+        // Whole 8-byte groups decode to whole 7-byte groups on their own, so the first 32
+        // encoded bytes give the header and the first three payload bytes, and the rest
+        // decodes straight to its place behind them.
+        const unsigned int bodyLength = base128::decodedSize(encodedLength);
+        unsigned char head[28];
+        unsigned char crc = 0;
+        bool allEncoded = decodeWithCrc(head, encoded, 32, crc, checkBetween);
+        const unsigned int at = appendTo->size();
+        if (static_cast<uint64_t>(at) + bodyLength > 0xFFFFFFFFu) {
+            if (!allEncoded) return kFrameUnconfirmed;
         } else {
-            appendTo->resize(at);
+            unsigned char* tail = appendTo->resize(at + bodyLength - kHeaderBytes) + at;
+            std::memcpy(tail, head + kHeaderBytes, 28 - kHeaderBytes);
+            allEncoded &= decodeWithCrc(tail + 28 - kHeaderBytes, encoded + 32, encodedLength - 32, crc, checkBetween);
+            unsigned int length = 0;
+            // As readBody: the length must fit the bytes behind the header.
+            if (allEncoded && crc == 0 && nk::readLE<uint32_t>(head + 21) <= bodyLength - kHeaderBytes) {
+                valid = readHeader(head, kHeaderBytes, length);
+                appendTo->resize(at + length);
+                host(appendTo, at, length);
+            } else {
+                appendTo->resize(at);
+                if (!allEncoded) return kFrameUnconfirmed;
+            }
         }
     }
     stream->slice(endIndex + 1);
-    return valid;
+    return valid ? kFrameValid : kFrameInvalid;
 }
 
 bool nk_telegramPart::readBody(tBlob& body)

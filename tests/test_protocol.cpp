@@ -524,6 +524,80 @@ TEST(Protocol, CorruptAndTruncatedFramesBetweenGoodOnes)
     EXPECT_EQ(b.engine.pendingStreamBytes(), 3 + 2 * good.size());
 }
 
+// The engine takes a frame's end from its length field and checks while decoding that no
+// start or end byte lies before it. Whatever bytes were damaged (a marker inside a frame, a
+// byte below 0x80 that decodes the same), the frames are those that cutting at the first end
+// byte gives, arriving in pieces of any size.
+TEST(Protocol, FramesAreCutAtTheFirstEndByteWhateverTheLengthFieldSays)
+{
+    std::mt19937 rng(31);
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE(round);
+        tBlob stream;
+        for (unsigned int i = 0; i < 12; ++i) {
+            static const unsigned int sizes[] = {0, 3, 40, 300, 5000};
+            tBlob payload = randomBlob(sizes[rng() % 5], rng()), frame;
+            nk_telegramPart part(1000 + i, 1, rng() % 4 ? 2 : 3, 1, 0, true, &payload,
+                                 nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE, nk_basicTelegram::COMPRESSION_NONE);
+            part.serialize(&frame);
+            if (rng() % 3 == 0) {
+                static const unsigned char damage[] = {0x01, 0x02, 0x55, 0x00, 0x7F};
+                frame.getBuffer()[1 + rng() % (frame.size() - 2)] = damage[rng() % 5];
+            }
+            stream.append(frame);
+        }
+        std::vector<unsigned int> pieces;
+        for (unsigned int at = 0; at < stream.size();) {
+            const unsigned int n = std::min<unsigned int>(stream.size() - at, 1 + rng() % (round % 2 ? 40 : 9000));
+            pieces.push_back(n);
+            at += n;
+        }
+
+        // The frames as the format defines them: each round of reading ends at the first
+        // invalid one.
+        std::vector<tBlob> expected;
+        tBlob reference;
+        unsigned int at = 0;
+        for (unsigned int n : pieces) {
+            reference.append(stream.getBuffer() + at, n);
+            at += n;
+            nk_telegramPart part;
+            while (part.streamContainsTelegram(&reference))
+                if (part.destinationAddress() == 2) expected.push_back(*part.isSinglePartTelegram());
+        }
+
+        Endpoint b(2);
+        b.answer = Endpoint::NOTHING;
+        at = 0;
+        for (unsigned int n : pieces) {
+            b.engine.pushData(stream.getBuffer() + at, n);
+            at += n;
+            b.poll();
+        }
+        ASSERT_EQ(b.requests.size(), expected.size());
+        for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(b.requests[i].content, expected[i]) << i;
+        EXPECT_EQ(b.engine.pendingStreamBytes(), reference.size());
+    }
+
+    // A part joined in place whose bytes need a second look: its content is whole all the same.
+    MaxPayload small(1000);
+    Endpoint a(1), b(2);
+    join(a, b);
+    b.answer = Endpoint::NOTHING;
+    const tBlob content = randomBlob(5000, 32);
+    a.request(content, 2, 0);
+    a.poll();
+    tBlob& wire = b.inbound;
+    unsigned int frameStart = 0, frames = 0;
+    for (unsigned int i = 0; i < wire.size(); ++i)
+        if (wire.getBuffer()[i] == 0x01 && ++frames == 3) frameStart = i;
+    ASSERT_EQ(frames, 5u);
+    wire.getBuffer()[frameStart + 500] &= 0x7F;
+    b.poll();
+    ASSERT_EQ(b.requests.size(), 1u);
+    EXPECT_EQ(b.requests[0].content, content);
+}
+
 TEST(Protocol, TimeOutsLateResponsesAndSendFailures)
 {
     Endpoint a(1, 1), b(2);

@@ -142,6 +142,25 @@ TEST(Base128, RoundTripsMatchTheBitStream)
     }
 }
 
+// decodeChecked decodes as decode does and tells whether a byte below 0x80 was among the
+// input, wherever it lies (the wide steps, the eight-byte steps, the tail).
+TEST(Base128, CheckedDecodingFindsEveryByteBelow0x80)
+{
+    for (std::size_t n : {1u, 7u, 20u, 100u, 1001u}) {
+        const Bytes encoded = b128Encode(randomBytes(n, static_cast<unsigned>(n) + 40));
+        Bytes out(base128::decodedSize(static_cast<unsigned>(encoded.size())));
+        ASSERT_TRUE(base128::decodeChecked(out.data(), encoded.data(), static_cast<unsigned>(encoded.size())));
+        ASSERT_EQ(out, b128Decode(encoded));
+        for (std::size_t at = 0; at < encoded.size(); ++at) {
+            Bytes damaged = encoded;
+            damaged[at] &= 0x7F;
+            ASSERT_FALSE(base128::decodeChecked(out.data(), damaged.data(), static_cast<unsigned>(damaged.size())))
+                << n << " " << at;
+            ASSERT_EQ(out, b128Decode(encoded)) << "the top bit is ignored as decode ignores it";
+        }
+    }
+}
+
 TEST(Sha1, Fips180Vectors)
 {
     EXPECT_EQ("a9993e364706816aba3e25717850c26c9cd0d89d", sha1Of(asBytes("abc")));

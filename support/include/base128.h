@@ -15,6 +15,10 @@ NKS_API unsigned int encode(unsigned char* dst, unsigned char const* src, unsign
 // Writes decodedSize(length) bytes to dst; gives that count. The top bit of every input
 // byte is ignored.
 NKS_API unsigned int decode(unsigned char* dst, unsigned char const* src, unsigned int length);
+// As decode, and true only if every input byte has its top bit set, as every byte that
+// encode writes has: a reader that takes a range for one encoded body learns in the same
+// pass that no other byte (such as a frame's start or end byte) lies inside it.
+NKS_API bool decodeChecked(unsigned char* dst, unsigned char const* src, unsigned int length);
 }
 
 #endif

@@ -129,33 +129,64 @@ unsigned int encode(unsigned char* dst, unsigned char const* src, unsigned int l
     return static_cast<unsigned int>(out - dst) + tail;
 }
 
-unsigned int decode(unsigned char* dst, unsigned char const* src, unsigned int length)
+namespace
 {
+// Decodes as decode does; with Check, also ANDs every input byte into the top bit of a
+// running value, so whether all of them were encoded bytes costs no pass of its own.
+template <bool Check>
+unsigned int decodeImpl(unsigned char* dst, unsigned char const* src, unsigned int length, bool& allEncoded)
+{
+    allEncoded = true;
     if (length == 0 || !dst || !src) return 0;
     unsigned char* out = dst;
     unsigned int left = length;
+    uint64_t seen = ~uint64_t(0);
     // Stores past a step's output while another full block follows to overwrite the extra byte.
 #if NK_BASE128_SSE2
-    for (; left >= 24; left -= 16, src += 16, out += 14) decodeTwoBlocks(out, src);
+    __m128i seenVector = _mm_set1_epi8(static_cast<char>(0xFF));
+    for (; left >= 24; left -= 16, src += 16, out += 14) {
+        if (Check) seenVector = _mm_and_si128(seenVector, _mm_loadu_si128(reinterpret_cast<__m128i const*>(src)));
+        decodeTwoBlocks(out, src);
+    }
+    if (Check && _mm_movemask_epi8(seenVector) != 0xFFFF) seen = 0;
 #endif
     while (left >= 16) {
-        storeBE64(out, gather56(loadBE64(src)) << 8);
+        const uint64_t block = loadBE64(src);
+        if (Check) seen &= block;
+        storeBE64(out, gather56(block) << 8);
         src += 8;
         left -= 8;
         out += 7;
     }
     while (left > 0) {
         unsigned int take = left < 8 ? left : 8;
-        unsigned char block[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+        unsigned char block[8] = {0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
         std::memcpy(block, src, take);
+        const uint64_t v = loadBE64(block);
+        if (Check) seen &= v;
         unsigned char decoded[8];
-        storeBE64(decoded, gather56(loadBE64(block)) << 8);
+        storeBE64(decoded, gather56(v) << 8);
         unsigned int produced = take * 7 / 8;
         std::memcpy(out, decoded, produced);
         src += take;
         left -= take;
         out += produced;
     }
+    if (Check) allEncoded = (seen & 0x8080808080808080ULL) == 0x8080808080808080ULL;
     return static_cast<unsigned int>(out - dst);
+}
+}
+
+unsigned int decode(unsigned char* dst, unsigned char const* src, unsigned int length)
+{
+    bool unused;
+    return decodeImpl<false>(dst, src, length, unused);
+}
+
+bool decodeChecked(unsigned char* dst, unsigned char const* src, unsigned int length)
+{
+    bool allEncoded;
+    decodeImpl<true>(dst, src, length, allEncoded);
+    return allEncoded;
 }
 }
