@@ -120,12 +120,14 @@ void Reconciler::setLink(unsigned int address, std::string const& transport, std
     DeviceRecord& device = m_devices[address];
     device.address = address;
     const bool wasTcp = device.transport == "tcp";
+    const bool moved = !wasTcp || device.endpoint != endpoint;
     device.transport = transport;
     device.endpoint = transport == "tcp" ? endpoint : std::string();
-    m_refusedLinks.erase(address);
+    // A refusal was the old link's; the same one again is not told anew (DialOut::add keeps it).
+    if (moved || transport != "tcp") m_refusedLinks.erase(address);
     if (transport == "tcp") {
-        // Online once the connection is made.
-        if (!wasTcp && device.online) presence(address, false);
+        // Online once the connection to the new endpoint is made.
+        if (moved && device.online) presence(address, false);
         save(device);
         m_dialOut.add(address, parseEndpoint(endpoint, "127.0.0.1"));
         return;

@@ -297,10 +297,10 @@ def migration_step(url, config):
     old.kill()
 
 
-def listening_panel(address, port=0):
+def listening_panel(address, port=0, data="listening"):
     """A real nkdevice on a loopback TCP port, which the station dials: (process, HOST:PORT)."""
     proc = start(ARGS.emulator + [ARGS.nkdevice, "--listen", "127.0.0.1:%d" % port, "--address", str(address),
-                                  "--data", "%s/listening-%d" % (ARGS.work, address)])
+                                  "--data", "%s/%s-%d" % (ARGS.work, data, address)])
     line = read_line(proc)
     if not line:
         raise RuntimeError("nkdevice --listen did not start")
@@ -368,6 +368,14 @@ def dial_out_step(url, config, schedules):
     cs = station.get("/api/devices/%d" % named)["desired"]["csCfg"]
     wait_for("the panel back on its port is dialled again and ends in sync with the change", lambda: in_sync(cs), 120)
 
+    # The panel moves (a new device with empty storage at another port): the station leaves the
+    # old connection, dials the new endpoint and brings the new device to the desired state.
+    moved, moved_endpoint = listening_panel(named, data="moved")
+    status, answer = station.call("PUT", "/api/devices/%d" % named, {"transport": "tcp", "endpoint": moved_endpoint})
+    check(status == 200 and answer["endpoint"] == moved_endpoint, "a dialled panel is moved to another endpoint")
+    wait_for("the moved panel is dialled at its new endpoint and ends in sync", lambda: in_sync(cs) and os.path.exists(
+        os.path.join(ARGS.work, "moved-%d" % named, "config.bin")), 120)
+
     # Back to the broker: the station stops dialling it.
     status, answer = station.call("PUT", "/api/devices/%d" % registered, {"transport": "mqtt"})
     check(status == 200 and answer["transport"] == "mqtt" and answer["endpoint"] is None,
@@ -375,7 +383,7 @@ def dial_out_step(url, config, schedules):
     wait_for("a panel moved to the broker is no longer dialled",
              lambda: station.get("/api/summary")["dialOut"] == {"panels": 1, "connected": 1}, 30)
     station.kill()
-    for proc in (sim, panel, other):
+    for proc in (sim, panel, other, moved):
         proc.kill()
         proc.wait()
 
