@@ -25,15 +25,15 @@ void EngineBinding::start(Link::CloseHandler onClose)
     m_link->start(
         [this](unsigned char const* data, std::size_t length) {
             const bool withinBound = m_gate.feed(data, length, [this](unsigned char const* bytes, std::size_t n) {
-                // pushData takes the bytes by copy; its parameter is not const for historical reasons.
-                m_engine.pushData(const_cast<unsigned char*>(bytes), static_cast<unsigned int>(n));
                 m_frame.append(bytes, static_cast<unsigned int>(n));
-                // A whole frame: the engine handles it now, and a request it completes is
-                // known by this frame's header (see currentTelegram).
-                if (bytes[n - 1] == 0x02) {
+                if (bytes[n - 1] != 0x02) return;
+                // A whole frame: the engine handles it now (unless the filter takes it), and a
+                // request it completes is known by this frame's header (see currentTelegram).
+                if (!m_filter || !m_filter(m_frame)) {
+                    m_engine.pushData(m_frame.getBuffer(), m_frame.size());
                     poll();
-                    m_frame.clear();
                 }
+                m_frame.clear();
             });
             if (!withinBound) {
                 m_link->close("peer sent a frame longer than " + std::to_string(m_gate.maxFrameBytes()) +

@@ -2,6 +2,7 @@
 #define NK_TOOLS_ENGINE_BINDING_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -32,6 +33,12 @@ public:
 
     // Starts reading; onClose runs once when the link ends (with the reason).
     void start(Link::CloseHandler onClose);
+    // Sees every whole frame (start byte to end byte) before the engine does. A frame it
+    // takes (true; it may consume the bytes) never reaches the engine; one it leaves must be
+    // left unchanged. For a program that handles some telegrams itself as their parts
+    // arrive, instead of after the engine has joined them.
+    using FrameFilter = std::function<bool(tBlob& frame)>;
+    void setFrameFilter(FrameFilter filter) { m_filter = std::move(filter); }
     // One engine round, and a second one when the first left telegrams unsent (answers
     // queued while it handled requests).
     void poll();
@@ -61,6 +68,7 @@ private:
     std::shared_ptr<Link> m_link;
     nk_protocol& m_engine;
     FrameGate m_gate;
+    FrameFilter m_filter;
     tBlob m_frame;  // the bytes of the frame being received
     std::uint64_t m_refusedBytes = 0;
 };

@@ -12,7 +12,15 @@ void Link::start(ReceiveHandler onReceive, CloseHandler onClose)
 {
     m_onReceive = std::move(onReceive);
     m_onClose = std::move(onClose);
+    m_started = true;
     beginReading();
+}
+
+void Link::resumeReading()
+{
+    if (!m_paused) return;
+    m_paused = false;
+    if (m_started && !m_readInProgress) readMore();
 }
 
 void Link::beginReading()
@@ -30,9 +38,11 @@ void Link::received(unsigned char const* data, std::size_t length)
 
 void Link::readMore()
 {
-    if (!m_open) return;
+    if (!m_open || m_paused) return;
     auto self = shared_from_this();
+    m_readInProgress = true;
     asyncReadSome(asio::buffer(m_readBuffer), [this, self](std::error_code ec, std::size_t n) {
+        m_readInProgress = false;
         if (!m_open) return;
         if (ec) {
             fail(ec == asio::error::eof ? "closed by peer" : readFailure(ec));

@@ -33,6 +33,13 @@ public:
     // Starts reading. The close handler runs once, when the peer or an error ends the link.
     void start(ReceiveHandler onReceive, CloseHandler onClose);
     bool queue(unsigned char const* data, std::size_t length);
+    // Stops asking the stream for more bytes (those of the read in progress are still
+    // delivered), so that a peer faster than the receiver's disk waits in its own send
+    // buffer instead of filling this process. Links whose bytes are handed to them (a
+    // broker's messages) cannot stop them.
+    virtual bool canPauseReading() const { return true; }
+    void pauseReading() { m_paused = canPauseReading(); }
+    void resumeReading();
     // Ends the link; the close handler gets reason.
     void close(std::string const& reason = "closed");
 
@@ -89,6 +96,9 @@ private:
     std::string m_name;
     bool m_open = true;
     bool m_refused = false;
+    bool m_started = false;
+    bool m_paused = false;
+    bool m_readInProgress = false;
     ReceiveHandler m_onReceive;
     CloseHandler m_onClose;
     std::vector<unsigned char> m_readBuffer;

@@ -21,6 +21,7 @@ public:
     // Messages the client refused (a stopped client): the engine's time-outs and retries
     // cover them as they cover a lost packet.
     std::uint64_t droppedMessages() const { return m_dropped; }
+    bool canPauseReading() const override { return false; }
 
 protected:
     // A message's bytes go to the receive handler as they are delivered: a fleet of links

@@ -232,6 +232,23 @@ std::unique_ptr<DeviceJob> Device::beginImage(unsigned int source, tBlob* conten
     return imageJob(std::move(image));
 }
 
+std::unique_ptr<DeviceJob> Device::beginStreamedImage(StreamedImageRequest request, std::string const& peer)
+{
+    ++m_counters.requests;
+    m_countersChanged = true;
+    if (!request.refusal.empty()) {
+        recordEvent(EVENT_ERROR, CATEGORY_ERROR,
+                    tString::format("request refused (type %u, version %u) from %u at %s: %s",
+                                    static_cast<unsigned int>(nk_message::IMAGE), request.version, request.source,
+                                    peer.c_str(), request.refusal.c_str()));
+        return nullptr;
+    }
+    recordEvent(EVENT_REQUEST, CATEGORY_INFO,
+                tString::format("%s (version %u) from %u at %s", nk_message::typeName(nk_message::IMAGE).c_str(),
+                                request.version, request.source, peer.c_str()));
+    return streamedImageJob(request.file, std::move(request.content));
+}
+
 void Device::handle(unsigned int source, tBlob* content, std::string const& peer)
 {
     std::unique_ptr<DeviceJob> job = begin(source, content, peer);

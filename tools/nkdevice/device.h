@@ -6,6 +6,7 @@
 
 #include "device_job.h"
 #include "device_store.h"
+#include "image_stream.h"
 #include "nkProtocol.h"
 #include "nk_messageSetConfig.h"
 #include "nk_messageSetSchedules.h"
@@ -58,6 +59,10 @@ public:
     // either the answer is left in content (or nothing) and null is returned, or content is
     // emptied and the job that does the work is returned (see DeviceJob).
     std::unique_ptr<DeviceJob> begin(unsigned int source, tBlob* content, std::string const& peer);
+    // An IMAGE request whose file was written while it arrived (see ImageStreamReceiver): as
+    // begin gives for the same request, the job that checks and stores it, or null when it
+    // was refused.
+    std::unique_ptr<DeviceJob> beginStreamedImage(StreamedImageRequest request, std::string const& peer);
 
     DeviceStore& store() { return m_store; }
     unsigned int address() const { return m_address; }

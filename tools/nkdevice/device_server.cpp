@@ -23,6 +23,8 @@ struct DeviceServer::Connection
     unsigned long long id = 0;
     std::string peer;
     std::unique_ptr<nk_protocol> engine;
+    // Before the binding, whose frame filter it is: the binding goes first.
+    std::unique_ptr<ImageStreamReceiver> images;
     std::unique_ptr<EngineBinding> binding;
     bool serial = false;
 };
@@ -50,6 +52,8 @@ DeviceServer::~DeviceServer()
     m_timer.stop();
     if (m_listener) m_listener->close();
     m_connections.clear();
+    // Images still arriving were abandoned with their connections: their files go.
+    m_imageWriter.join();
 }
 
 Endpoint DeviceServer::listen(Endpoint const& ep, std::shared_ptr<asio::ssl::context> tls)
@@ -79,6 +83,23 @@ void DeviceServer::addConnection(std::shared_ptr<Link> link)
                                       const_cast<char*>("nkdevice engine"),
                                       m_options.verbose ? &EngineBinding::logToStderr : nullptr));
     raw->binding.reset(new EngineBinding(link, *raw->engine));
+    if (link->canPauseReading()) {
+        ImageStreamReceiver::Host host;
+        host.store = &m_device.store();
+        host.io = &m_io;
+        host.writer = &m_imageWriter;
+        host.link = link;
+        host.engine = raw->engine.get();
+        host.maxTelegramBytes = EngineBinding::kMaxOpenBytes;
+        host.onComplete = [this, raw](StreamedImageRequest request) {
+            const unsigned int source = request.source, telegramId = request.telegramId;
+            std::unique_ptr<DeviceJob> job = m_device.beginStreamedImage(std::move(request), raw->peer);
+            if (job) queueJob(std::move(job), *raw, source, telegramId);
+        };
+        raw->images.reset(new ImageStreamReceiver(std::move(host)));
+        ImageStreamReceiver* images = raw->images.get();
+        raw->binding->setFrameFilter([images](tBlob& frame) { return images->offer(frame); });
+    }
     m_connections.push_back(std::move(connection));
     if (m_options.verbose) logLine("info", "nkdevice", "connection from " + raw->peer);
     const unsigned long long id = raw->id;
@@ -122,8 +143,8 @@ DeviceServer::Connection* DeviceServer::findConnection(unsigned long long id)
 
 void DeviceServer::queueJob(std::unique_ptr<DeviceJob> job, Connection& connection)
 {
-    std::shared_ptr<QueuedJob> queued(new QueuedJob);
-    if (!connection.binding->currentTelegram(queued->telegramId, queued->destination)) {
+    unsigned int telegramId = 0, destination = 0;
+    if (!connection.binding->currentTelegram(telegramId, destination)) {
         // Without the request's id an answer given later could not be matched: do it now.
         tBlob answer;
         job->start(m_device);
@@ -133,6 +154,15 @@ void DeviceServer::queueJob(std::unique_ptr<DeviceJob> job, Connection& connecti
                              tString(job->what() + " handled on the link's thread: its frame could not be read again"));
         return;
     }
+    queueJob(std::move(job), connection, destination, telegramId);
+}
+
+void DeviceServer::queueJob(std::unique_ptr<DeviceJob> job, Connection& connection, unsigned int destination,
+                            unsigned int telegramId)
+{
+    std::shared_ptr<QueuedJob> queued(new QueuedJob);
+    queued->telegramId = telegramId;
+    queued->destination = destination;
     queued->job = std::move(job);
     queued->connection = connection.id;
     m_jobs.push_back(queued);

@@ -11,6 +11,7 @@
 
 #include "device.h"
 #include "engine_binding.h"
+#include "image_stream.h"
 #include "poll_timer.h"
 #include "tcp_listener.h"
 
@@ -58,6 +59,9 @@ private:
     struct QueuedJob;
     Connection* findConnection(unsigned long long id);
     void queueJob(std::unique_ptr<DeviceJob> job, Connection& connection);
+    // The answer goes to destination as that of telegramId.
+    void queueJob(std::unique_ptr<DeviceJob> job, Connection& connection, unsigned int destination,
+                  unsigned int telegramId);
     void startNextJob();
     void finishJob();
     void addConnection(std::shared_ptr<Link> link);
@@ -81,6 +85,9 @@ private:
     std::deque<std::shared_ptr<QueuedJob>> m_jobs;  // the front one runs
     bool m_jobRunning = false;
     asio::thread_pool m_worker{1};
+    // Hashes and writes the pieces of images as they arrive (see ImageStreamReceiver); apart
+    // from m_worker, whose image jobs wait for it.
+    asio::thread_pool m_imageWriter{1};
 };
 
 #endif

@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "SHA1.h"
 #include "tFile.h"
 #include "tool_error.h"
 
@@ -23,14 +22,6 @@ void makeDirectory(std::string const& path)
         throw ToolError("data directory " + path + " is not a directory");
     }
     throw ToolError("cannot create data directory " + path + ": " + std::strerror(errno));
-}
-
-void syncDirectory(std::string const& path)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    ::fsync(fd);
-    ::close(fd);
 }
 
 std::vector<std::string> listDirectory(std::string const& path)
@@ -74,6 +65,7 @@ DeviceStore::DeviceStore(std::string directory) : m_dir(std::move(directory))
         m_lockFd = -1;
         throw ToolError("data directory " + m_dir + " is in use by another nkdevice");
     }
+    removeTemporaryImages();
 }
 
 DeviceStore::~DeviceStore()
@@ -133,61 +125,55 @@ unsigned int DeviceStore::removeImage(unsigned long long id)
 
 void DeviceStore::syncImagesDirectory() const
 {
-    syncDirectory(imagesDirectory());
+    syncDirectoryOf(imagesDirectory() + "/");
 }
 
 std::string DeviceStore::saveImage(std::string const& name, unsigned long long id, unsigned char const* content,
                                    std::size_t length, tString const& checksum, std::string& error)
 {
-    const std::string target = imagesDirectory() + "/" + name;
-    const std::string temporary = target + "~";
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        error = "could not be stored: " + std::string(std::strerror(errno));
-        return std::string();
-    }
-    SHA1 sha;
+    std::unique_ptr<ImageWriter> writer = imageWriter(name);
     const std::size_t kPiece = 1u << 20;
-    bool written = true;
-    for (std::size_t done = 0; written && done < length;) {
-        const std::size_t piece = std::min(kPiece, length - done);
-        sha.Input(content + done, static_cast<unsigned int>(piece));
-        for (std::size_t at = 0; at < piece;) {
-            const ssize_t n = ::write(fd, content + done + at, piece - at);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) {
-                error = "could not be stored: " + std::string(n < 0 ? std::strerror(errno) : "nothing written");
-                written = false;
-                break;
-            }
-            at += static_cast<std::size_t>(n);
+    if (writer->open())
+        for (std::size_t done = 0; done < length && !writer->failed(); done += std::min(kPiece, length - done))
+            writer->append(content + done, std::min(kPiece, length - done));
+    if (!commitImage(*writer, name, id, checksum)) {
+        error = writer->error();
+        return std::string();
+    }
+    return imagesDirectory() + "/" + name;
+}
+
+std::unique_ptr<ImageWriter> DeviceStore::imageWriter(std::string const& name)
+{
+    // Each writer has a temporary file of its own: an image that streams in while another of
+    // the same id is being stored must not write into the other's file.
+    const unsigned long long n = m_temporaries.fetch_add(1) + 1;
+    const std::string target = imagesDirectory() + "/" + name;
+    return std::unique_ptr<ImageWriter>(new ImageWriter(target, target + "~" + std::to_string(n)));
+}
+
+bool DeviceStore::commitImage(ImageWriter& writer, std::string const& name, unsigned long long id,
+                              tString const& checksum)
+{
+    return writer.commit(checksum, [&] {
+        // One file per id: a new type of content replaces the old file of another extension.
+        for (std::string const& existing : listDirectory(imagesDirectory())) {
+            unsigned long long found = 0;
+            if (existing != name && parseImageFileName(existing, found) && found == id)
+                ::unlink((imagesDirectory() + "/" + existing).c_str());
         }
-        done += piece;
+    });
+}
+
+void DeviceStore::removeTemporaryImages()
+{
+    // Left by a device that ended while an image was on its way; never put in place.
+    bool removed = false;
+    for (std::string const& name : listDirectory(imagesDirectory())) {
+        const std::size_t tilde = name.find('~');
+        unsigned long long id = 0;
+        if (tilde != std::string::npos && parseImageFileName(name.substr(0, tilde), id))
+            removed = ::unlink((imagesDirectory() + "/" + name).c_str()) == 0 || removed;
     }
-    if (written && sha.Result() != checksum) {
-        error = "refused: content does not match its checksum";
-        written = false;
-    }
-    if (written && ::fsync(fd) != 0) {
-        error = "could not be stored: " + std::string(std::strerror(errno));
-        written = false;
-    }
-    ::close(fd);
-    if (!written) {
-        ::unlink(temporary.c_str());
-        return std::string();
-    }
-    // One file per id: a new type of content replaces the old file of another extension.
-    for (std::string const& existing : listDirectory(imagesDirectory())) {
-        unsigned long long found = 0;
-        if (existing != name && parseImageFileName(existing, found) && found == id)
-            ::unlink((imagesDirectory() + "/" + existing).c_str());
-    }
-    if (::rename(temporary.c_str(), target.c_str()) != 0) {
-        error = "could not be stored: " + std::string(std::strerror(errno));
-        ::unlink(temporary.c_str());
-        return std::string();
-    }
-    syncImagesDirectory();
-    return target;
+    if (removed) syncImagesDirectory();
 }

@@ -1,10 +1,13 @@
 #ifndef NK_TOOLS_DEVICE_STORE_H
 #define NK_TOOLS_DEVICE_STORE_H
 
+#include <atomic>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "image_writer.h"
 #include "tBlob.h"
 #include "tJson.h"
 
@@ -40,16 +43,24 @@ public:
     // Makes a rename inside images/ durable.
     void syncImagesDirectory() const;
 
-    // Stores content as images/name when its SHA-1 text is checksum: written to name~ while
-    // it is hashed (each piece hashed and written while it is in the cache), made durable,
-    // and renamed only when it matches; an older file of the same id in another type is
-    // removed then. The stored path, or empty with the reason in error (nothing changed).
+    // Stores content as images/name when its SHA-1 text is checksum: written to a temporary
+    // file while it is hashed (see ImageWriter), made durable, and renamed only when it
+    // matches; an older file of the same id in another type is removed then. The stored path,
+    // or empty with the reason in error (nothing changed).
     std::string saveImage(std::string const& name, unsigned long long id, unsigned char const* content,
                           std::size_t length, tString const& checksum, std::string& error);
+    // The same in steps, for content that arrives piece by piece: a writer of images/name
+    // with a temporary file of its own (name~N), then commitImage once all is written. May be
+    // called from any thread.
+    std::unique_ptr<ImageWriter> imageWriter(std::string const& name);
+    bool commitImage(ImageWriter& writer, std::string const& name, unsigned long long id, tString const& checksum);
 
 private:
+    void removeTemporaryImages();
+
     std::string m_dir;
     int m_lockFd = -1;
+    std::atomic<unsigned long long> m_temporaries{0};
 };
 
 // The id in a stored image name, or false when name is not one (image_id<digits>.<ext>).
