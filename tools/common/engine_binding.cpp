@@ -46,11 +46,28 @@ void EngineBinding::start(Link::CloseHandler onClose)
 
 void EngineBinding::poll()
 {
-    // A round sends before it reads, so answers that the receive callback queues in this
-    // round would wait for the next one; the queue holds only requests awaiting their
-    // answers otherwise, whose second round costs a look at their time-outs.
-    m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
-    if (m_engine.queuedTelegrams_TS() > 0) m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
+    // A link that waits for its bytes to be written runs the event loop inside the engine's
+    // send (see Link::writeDirectly): bytes and timer ticks that arrive meanwhile must not
+    // start a round inside that round, which would send the same telegram again. Their
+    // round runs when the current one is done.
+    if (m_polling) {
+        m_pollAgain = true;
+        return;
+    }
+    m_polling = true;
+    struct EndOfRound
+    {
+        bool& polling;
+        ~EndOfRound() { polling = false; }
+    } endOfRound{m_polling};
+    do {
+        m_pollAgain = false;
+        // A round sends before it reads, so answers that the receive callback queues in this
+        // round would wait for the next one; the queue holds only requests awaiting their
+        // answers otherwise, whose second round costs a look at their time-outs.
+        m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
+        if (m_engine.queuedTelegrams_TS() > 0) m_engine.poll(nullptr, this, &EngineBinding::sendToLink, nullptr);
+    } while (m_pollAgain);
 }
 
 bool EngineBinding::currentTelegram(unsigned int& telegramId, unsigned int& source) const

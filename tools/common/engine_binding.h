@@ -71,6 +71,8 @@ private:
     FrameFilter m_filter;
     tBlob m_frame;  // the bytes of the frame being received
     std::uint64_t m_refusedBytes = 0;
+    bool m_polling = false;
+    bool m_pollAgain = false;
 };
 
 #endif

@@ -72,7 +72,33 @@ bool Link::queue(unsigned char const* data, std::size_t length)
     }
     m_pending.insert(m_pending.end(), data, data + length);
     if (m_writing.empty()) writeMore();
+    if (m_direct && m_directIo && !m_waiting) return waitUntilWritten(length);
     return true;
+}
+
+bool Link::waitUntilWritten(std::size_t length)
+{
+    using Clock = std::chrono::steady_clock;
+    m_waiting = true;
+    // This call's bytes are the last length bytes of the queue.
+    const std::uint64_t goal = m_bytesWritten + unsentBytes();
+    const std::uint64_t first = goal - length;
+    std::uint64_t seen = m_bytesWritten;
+    Clock::time_point lastProgress = Clock::now();
+    while (m_open && m_bytesWritten < goal) {
+        if (m_directIo->stopped()) m_directIo->restart();
+        m_directIo->run_one_for(m_quiet);
+        if (m_bytesWritten != seen) {
+            seen = m_bytesWritten;
+            lastProgress = Clock::now();
+            if (m_onWrite && seen > first) m_onWrite(static_cast<std::size_t>(std::min<std::uint64_t>(seen - first, length)), length);
+        } else if (Clock::now() - lastProgress >= m_quiet) {
+            m_timedOut = true;
+            fail("time-out: no byte taken for " + std::to_string(m_quiet.count() / 1000) + " s");
+        }
+    }
+    m_waiting = false;
+    return m_open;
 }
 
 void Link::writeMore()
@@ -102,11 +128,12 @@ void Link::writeMore()
     });
 }
 
-void Link::writeDirectly(std::chrono::milliseconds quiet, WriteProgress onWrite)
+void Link::writeDirectly(std::chrono::milliseconds quiet, WriteProgress onWrite, asio::io_context* io)
 {
     m_direct = true;
     m_quiet = quiet;
     m_onWrite = std::move(onWrite);
+    m_directIo = io;
 }
 
 bool Link::writeNow(int descriptor, unsigned char const* data, std::size_t length)

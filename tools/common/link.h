@@ -48,9 +48,12 @@ public:
     // peer does not take them, instead of copying them into the output queue. A large request
     // is then neither copied nor held twice. After quiet without a byte taken the link ends
     // as timed out. onWrite runs after every write with the bytes of this queue() call
-    // written so far and their number. Links over other streams keep queueing.
+    // written so far and their number. A stream whose bytes must pass through asio (TLS)
+    // still queues them, but queue() then runs io until they are written, so the queue holds
+    // one call's bytes at a time, not a whole request; the handlers io runs meanwhile must not
+    // start another write (see EngineBinding::poll). Without io such links keep queueing.
     using WriteProgress = std::function<void(std::size_t written, std::size_t length)>;
-    void writeDirectly(std::chrono::milliseconds quiet, WriteProgress onWrite);
+    void writeDirectly(std::chrono::milliseconds quiet, WriteProgress onWrite, asio::io_context* io = nullptr);
     bool timedOut() const { return m_timedOut; }
 
     bool isOpen() const { return m_open; }
@@ -89,6 +92,7 @@ private:
     void writeMore();
     void fail(std::string const& reason);
     bool writeNow(int descriptor, unsigned char const* data, std::size_t length);
+    bool waitUntilWritten(std::size_t length);
 
     // Writes go out in slices so that a long transfer reports its progress as it goes.
     static constexpr std::size_t kWriteSlice = 64u << 10;
@@ -111,6 +115,8 @@ private:
     bool m_timedOut = false;
     std::chrono::milliseconds m_quiet{0};
     WriteProgress m_onWrite;
+    asio::io_context* m_directIo = nullptr;
+    bool m_waiting = false;
 };
 
 // The descriptor of the streams whose bytes go to the kernel unchanged.

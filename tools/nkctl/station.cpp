@@ -280,11 +280,14 @@ std::vector<Station::Reply> Station::request(Outgoing outgoing)
     const auto quiet = std::chrono::seconds(m_options.timeout_s);
     for (auto const& connection : m_connections) {
         if (!connection->binding) continue;
-        connection->binding->link().writeDirectly(quiet, [&](std::size_t written, std::size_t length) {
-            const std::uint64_t share = length == 0 ? 0 : outgoing.shownBytes * written / length;
-            progress.update(std::min(shownTotal, shownDone + share));
-            if (written == length) shownDone += outgoing.shownBytes;
-        });
+        connection->binding->link().writeDirectly(
+            quiet,
+            [&](std::size_t written, std::size_t length) {
+                const std::uint64_t share = length == 0 ? 0 : outgoing.shownBytes * written / length;
+                progress.update(std::min(shownTotal, shownDone + share));
+                if (written == length) shownDone += outgoing.shownBytes;
+            },
+            &m_io);
     }
 
     // One device after the other: the engine builds its frames, the link writes them, and
@@ -350,7 +353,7 @@ std::vector<Station::Reply> Station::request(Outgoing outgoing)
     }
     progress.finish();
     for (auto const& connection : m_connections)
-        if (connection->binding) connection->binding->link().writeDirectly(quiet, nullptr);
+        if (connection->binding) connection->binding->link().writeDirectly(quiet, nullptr, &m_io);
     // A request given up by the station may still be queued in an engine.
     if (std::any_of(pendings.begin(), pendings.end(), [](Pending const& p) { return p.givenUp; })) abandon();
     return replies;

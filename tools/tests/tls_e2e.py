@@ -22,6 +22,8 @@ import json
 import os
 import queue
 import shutil
+import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -140,6 +142,75 @@ def tcp_part(work):
                                            *tls_args("panel-2")], capture_output=True, text=True, timeout=60)
     check(done.returncode == 3 and "names '2', not the panel 1" in done.stderr,
           "a device refuses to start with another panel's certificate (%r)" % done.stderr.strip())
+
+    slow_tls_devices(work)
+
+
+def serve_tls_once(handle):
+    """A TLS device of panel 1's certificate on loopback with a small receive buffer; the first
+    connection, once its handshake is done, goes to handle on a thread. Gives the address and
+    the thread."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.minimum_version = ssl.TLSVersion.TLSv1_3
+    context.load_cert_chain(os.path.join(CERTS, "panel-1.crt"), os.path.join(CERTS, "panel-1.key"))
+    context.load_verify_locations(os.path.join(CERTS, "ca.crt"))
+    context.verify_mode = ssl.CERT_REQUIRED
+    listener = socket.socket()
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(1)
+
+    def accept():
+        with listener:
+            peer, _ = listener.accept()
+            with context.wrap_socket(peer, server_side=True) as connection:
+                handle(connection)
+
+    thread = threading.Thread(target=accept, daemon=True)
+    thread.start()
+    return "127.0.0.1:%d" % listener.getsockname()[1], thread
+
+
+def push(address, path, timeout):
+    return subprocess.run(ARGS.emulator + [ARGS.nkctl, "--json", "--timeout", str(timeout), "--device", address,
+                                           *tls_args("station"), "image", "push", path, "--id", "80"],
+                          capture_output=True, text=True, timeout=120)
+
+
+def slow_tls_devices(work):
+    """nkctl waits for each piece of a request to be written over TLS instead of queueing all of
+    it: a device that stops reading ends the push with a time-out once no byte has moved for
+    --timeout seconds, and one that reads slowly gets every frame once, although the station's
+    timer ticks while it waits."""
+    big = os.path.join(work, "sixteen.png")
+    with open(big, "wb") as f:
+        f.write(os.urandom(16 << 20))
+    pushed = threading.Event()
+    address, thread = serve_tls_once(lambda connection: pushed.wait(60))
+    done = push(address, big, 1)
+    pushed.set()
+    check(done.returncode == 5 and "took no byte" in done.stderr and len(done.stderr.strip().splitlines()) == 1,
+          "a TLS device that stops reading: one line, exit 5 (%r, exit %r)" % (done.stderr.strip(), done.returncode))
+
+    four = os.path.join(work, "four.png")
+    with open(four, "wb") as f:
+        f.write(os.urandom(4 << 20))  # with its header, five parts of at most 1 MiB
+    ends = []
+
+    def read_slowly(connection):
+        while True:
+            data = connection.recv(65536)
+            if not data:
+                break
+            ends.append(data.count(b"\x02"))
+            time.sleep(0.02)
+
+    address, thread = serve_tls_once(read_slowly)
+    done = push(address, four, 2)
+    thread.join(30)
+    check(done.returncode == 5 and sum(ends) == 5,
+          "a TLS device that reads slowly gets each of the five frames once (%d frames, exit %r, %r)"
+          % (sum(ends), done.returncode, done.stderr.strip()))
 
 
 class Subscriber:
