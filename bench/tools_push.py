@@ -9,9 +9,12 @@ Each run times one whole sending process, from its start until the receiver has 
 durably in place and says so (nkctl: the device's answer; the copy: a one-byte
 acknowledgement after the rename and the directory's fsync). The sender's peak memory is its
 maximum resident set (getrusage of the child); the receiver's is VmHWM of the long-running
-process, reset through /proc/PID/clear_refs before each run. Prints medians, MB/s (10^6
-bytes per second), the ratio of the times and each peak as a multiple of the file size. A
-measurement, not a test: it never fails on a figure.
+process, reset through /proc/PID/clear_refs before each run. Prints medians with the spread
+(fastest and slowest run), MB/s (10^6 bytes per second), the ratio of the median times and the
+median of the ratios of each run's pair (the push against the copy of the same round), the CPU time
+of sender and receiver (user and system, every thread), each peak as a multiple of the file
+size, a memcpy of the file's bytes in this process for scale, and the
+load before and after. A measurement, not a test: it never fails on a figure.
 
 Further ways of pushing (another transport, say) are added as one more entry of VARIANTS: a
 function that starts its receiver and gives what push_once needs.
@@ -103,6 +106,18 @@ class Receiver:
         except OSError:
             return False
 
+    def cpu_seconds(self):
+        """CPU time of all the process's threads so far (the first field of each schedstat, ns)."""
+        total = 0
+        directory = "/proc/%d/task" % self.process.pid
+        for task in os.listdir(directory):
+            try:
+                with open(os.path.join(directory, task, "schedstat")) as f:
+                    total += int(f.read().split()[0])
+            except OSError:  # a thread that ended meanwhile
+                pass
+        return total / 1e9
+
     def peak_kib(self):
         with open("/proc/%d/status" % self.process.pid) as f:
             for line in f:
@@ -163,9 +178,11 @@ VARIANTS = [
 
 
 def push_once(receiver, path, run):
-    """Seconds, sender peak KiB, receiver peak KiB of one push."""
+    """Seconds, sender peak KiB, receiver peak KiB, sender CPU seconds, receiver CPU seconds of
+    one push."""
     receiver.reset_peak()
     command = receiver.command(path, run)
+    receiver_cpu = receiver.cpu_seconds()
     # Standard error goes to a file: a pipe nobody reads while waiting could stall the sender.
     with tempfile.TemporaryFile() as errors:
         started = time.perf_counter()
@@ -177,7 +194,8 @@ def push_once(receiver, path, run):
             errors.seek(0)
             raise SystemExit("%s failed (exit %d): %s" %
                              (" ".join(command), sender.returncode, errors.read().decode().strip()))
-    return elapsed, usage.ru_maxrss, receiver.peak_kib()
+    return (elapsed, usage.ru_maxrss, receiver.peak_kib(), usage.ru_utime + usage.ru_stime,
+            receiver.cpu_seconds() - receiver_cpu)
 
 
 def main():
@@ -189,6 +207,7 @@ def main():
     args = parser.parse_args()
 
     size = args.mib << 20
+    load_before = os.getloadavg()
     with tempfile.TemporaryDirectory(dir=os.environ.get("TMPDIR")) as work:
         path = os.path.join(work, "content.bin")
         with open(path, "wb") as f:
@@ -209,20 +228,40 @@ def main():
             for _, receiver in receivers:
                 receiver.stop()
 
-    print("load average: %.2f %.2f %.2f" % os.getloadavg())
-    print("file: %d MiB of random bytes; medians of %d runs" % (args.mib, args.runs))
+    print("load average before: %.2f %.2f %.2f, after: %.2f %.2f %.2f" % (load_before + os.getloadavg()))
+    print("file: %d MiB of random bytes; medians of %d runs; memcpy of its bytes here: %.1f ms" %
+          (args.mib, args.runs, memcpy_ms(size)))
     baseline = None
     for name, _ in VARIANTS:
         runs = results[name]
-        seconds = statistics.median(r[0] for r in runs)
+        times = [r[0] for r in runs]
+        seconds = statistics.median(times)
         sender = statistics.median(r[1] for r in runs)
         receiver = statistics.median(r[2] for r in runs)
-        baseline = baseline or seconds
-        print("%-40s %8.1f ms %7.1f MB/s  %5.2fx   sender peak %6.1f MiB (%4.2fx file)   "
-              "receiver peak %6.1f MiB (%4.2fx file)" %
-              (name, seconds * 1000, size / seconds / 1e6, seconds / baseline, sender / 1024.0, sender * 1024.0 / size,
-               receiver / 1024.0, receiver * 1024.0 / size))
+        if baseline is None:
+            baseline = times
+        pairs = statistics.median(t / b for t, b in zip(times, baseline))
+        sender_cpu = statistics.median(r[3] for r in runs)
+        receiver_cpu = statistics.median(r[4] for r in runs)
+        print("%s\n    %.1f ms (%.1f-%.1f), %.1f MB/s, %.2fx (pairs %.2fx); CPU sender %.1f ms + receiver %.1f ms; "
+              "peak sender %.1f MiB (%.2fx file), receiver %.1f MiB (%.2fx file)" %
+              (name, seconds * 1000, min(times) * 1000, max(times) * 1000, size / seconds / 1e6,
+               seconds / statistics.median(baseline), pairs, sender_cpu * 1000, receiver_cpu * 1000,
+               sender / 1024.0, sender * 1024.0 / size, receiver / 1024.0, receiver * 1024.0 / size))
     return 0
+
+
+def memcpy_ms(size):
+    """The median of five copies of size bytes between two buffers of this process (a bytearray
+    slice assignment is one memcpy), after one to fault both in."""
+    source = bytearray(os.urandom(1 << 20)) * (size >> 20)
+    target = bytearray(len(source))
+    times = []
+    for _ in range(6):
+        started = time.perf_counter()
+        target[:] = source
+        times.append(time.perf_counter() - started)
+    return statistics.median(times[1:]) * 1000
 
 
 if __name__ == "__main__":
