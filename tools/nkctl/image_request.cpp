@@ -7,6 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "tool_error.h"
@@ -45,10 +48,21 @@ public:
     // Up to length bytes; 0 at the end.
     std::size_t read(unsigned char* into, std::size_t length)
     {
+        int error = 0;
+        const std::size_t n = read(into, length, error);
+        if (error != 0) fail(error);
+        return n;
+    }
+    // The same without throwing, for another thread: 0 at the end or with the cause in error.
+    std::size_t read(unsigned char* into, std::size_t length, int& error)
+    {
         for (;;) {
             const ssize_t n = ::read(m_fd, into, length);
             if (n >= 0) return static_cast<std::size_t>(n);
-            if (errno != EINTR) fail(errno);
+            if (errno != EINTR) {
+                error = errno;
+                return 0;
+            }
         }
     }
     [[noreturn]] void fail(int error) const
@@ -61,6 +75,51 @@ private:
     bool m_standardInput;
     int m_fd;
 };
+
+const std::size_t kPiece = 1u << 20;
+
+// Reads up to size bytes of file into into and hashes them; gives how many there were. A
+// thread of its own reads while this one hashes what has arrived, so reading (which also
+// pays for the fresh pages of into) and hashing take the time of the slower one, not of both.
+std::size_t readHashing(InputFile& file, unsigned char* into, std::size_t size, SHA1& sha)
+{
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::size_t arrivedBytes = 0;
+    bool ended = false;
+    int error = 0;
+    std::thread reader([&] {
+        std::size_t at = 0;
+        int failure = 0;
+        while (at < size) {
+            const std::size_t n = file.read(into + at, std::min(kPiece, size - at), failure);
+            if (n == 0) break;
+            at += n;
+            std::lock_guard<std::mutex> lock(mutex);
+            arrivedBytes = at;
+            arrived.notify_one();
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        ended = true;
+        error = failure;
+        arrived.notify_one();
+    });
+    std::size_t hashed = 0;
+    for (bool last = false; !last;) {
+        std::size_t available = 0;
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            arrived.wait(lock, [&] { return arrivedBytes > hashed || ended; });
+            available = arrivedBytes;
+            last = ended;
+        }
+        if (available > hashed) sha.Input(into + hashed, static_cast<unsigned int>(available - hashed));
+        hashed = available;
+    }
+    reader.join();
+    if (error != 0) file.fail(error);
+    return hashed;
+}
 
 std::string tooLarge(std::string const& path, std::uint64_t bytes, std::uint64_t limit)
 {
@@ -105,24 +164,12 @@ ImageRequest imageRequestFromFile(std::string const& path, unsigned long long id
 
     tBlob& bytes = body;
     SHA1 sha;
-    // Reads up to piece bytes onto the end of the request and hashes them.
-    auto readMore = [&](std::size_t piece) {
-        const unsigned int before = bytes.size();
-        unsigned char* into = bytes.resize(before + static_cast<unsigned int>(piece)) + before;
-        const std::size_t n = file.read(into, piece);
-        bytes.resize(before + static_cast<unsigned int>(n));
-        if (n > 0) sha.Input(bytes.getBuffer() + before, static_cast<unsigned int>(n));
-        return n;
-    };
-    const std::size_t kPiece = 1u << 20;
     if (size > 0) {
         // Exactly the room needed, so that the buffer never moves.
         bytes.reserve(static_cast<unsigned int>(contentAt + size + 1));
-        for (std::uint64_t left = static_cast<std::uint64_t>(size); left > 0;) {
-            const std::size_t n = readMore(static_cast<std::size_t>(std::min<std::uint64_t>(kPiece, left)));
-            if (n == 0) break;
-            left -= n;
-        }
+        unsigned char* into = bytes.resize(contentAt + static_cast<unsigned int>(size)) + contentAt;
+        const std::size_t n = readHashing(file, into, static_cast<std::size_t>(size), sha);
+        bytes.resize(contentAt + static_cast<unsigned int>(n));
     }
     // Whatever follows (standard input, or a file that grew while it was read) goes through
     // a buffer of its own: growing the request only to learn that the file has ended would
