@@ -116,6 +116,10 @@ uint64_t encodedSize(uint64_t length, uint32_t const counts[256], uint8_t const 
     return compression::kHeaderBytes + kLengthTableBytes + (codeStreamBits(counts, lengths) + 7) / 8;
 }
 
+// Built twice on x86-64, as decodeLanes below: the appending of codes is one chain of shifts.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && defined(__linux__)
+__attribute__((target_clones("default", "bmi2")))
+#endif
 std::size_t encodeBody(unsigned char const* data, std::size_t length, uint8_t const lengths[256],
                        unsigned char* out)
 {
@@ -183,8 +187,10 @@ namespace
 {
 // The decoder's two tables, built from the code lengths. `single` gives one symbol per 12-bit
 // window: symbol | length << 8. `multi` takes as many symbols, up to three, as have their whole
-// codes in the same 12 bits: the symbols in bytes 0 to 2 | their bits << 24 | how many << 28.
-// Short codes are the common ones, so text gives two or three symbols per lookup.
+// codes in the same 12 bits: their bits | the symbols << 6 | how many << 30. The bits sit
+// lowest so that the shift of the window, which the next lookup waits for, takes the entry as
+// it is (a 64-bit shift uses the low six bits of its count); each other field is one shift
+// away. Short codes are the common ones, so text gives two or three symbols per lookup.
 struct DecodeTables
 {
     uint16_t single[kTableSize];
@@ -212,7 +218,7 @@ struct DecodeTables
                 bits += length;
                 ++count;
             }
-            multi[index] = symbols | bits << 24 | count << 28;
+            multi[index] = count << 30 | symbols << 6 | bits;
         }
     }
 
@@ -224,13 +230,15 @@ struct DecodeTables
     {
         uint64_t window = compression::readBE64(stream + (bitPos >> 3)) << (bitPos & 7);
         unsigned consumed = 0;
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC unroll 4
+#endif
         for (int k = 0; k < 4; ++k) {
             const uint32_t e = multi[window >> (64 - kTableBits)];
-            writeLE<uint32_t>(o, e);
-            o += e >> 28;
-            const unsigned bits = (e >> 24) & 0x0F;
-            window <<= bits;
-            consumed += bits;
+            writeLE<uint32_t>(o, e >> 6);  // the fourth byte is a count, overwritten or past the end
+            o += e >> 30;
+            window <<= e & 63;
+            consumed += e & 63;
         }
         bitPos += consumed;
     }
@@ -272,6 +280,12 @@ constexpr uint64_t kSlackBits = 4096;         // stream and output kept in reser
 constexpr std::size_t kLaneScratch = kLaneBits + 64;  // a lane decodes at most kLaneBits + 48 symbols
 constexpr unsigned kGiveUpAfter = 2;          // groups in a row that did not join: decode in one chain
 
+// On x86-64 a shift by a register amount also waits for the flags of whatever instruction
+// wrote them last (a shift by 0 leaves them), which ties the lanes together again; BMI2's
+// shifts leave the flags alone, so a second version is built for processors that have it.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && defined(__linux__)
+__attribute__((target_clones("default", "bmi2")))
+#endif
 void decodeLanes(DecodeTables const& t, unsigned char const* stream, std::size_t streamBytes, uint64_t& bitPos,
                  unsigned char*& o, unsigned char* const end)
 {
