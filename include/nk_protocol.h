@@ -95,6 +95,7 @@ private:
     void removeHandled(nk_telegram* complete, unsigned int id);
     void keepContentStorage(nk_telegram* complete);
     bool frameMayBeReady();
+    void markOutgoingDeleted(std::size_t index);
     void releaseUnneededBuffers(unsigned int sentBytes, unsigned int parsedBytes);
 
     unsigned int m_u32OwnAddress;
@@ -115,7 +116,8 @@ private:
     // m_incomingHoles; the list is compacted and renumbered once they are half of it.
     typedef std::tuple<unsigned int, unsigned int, unsigned int> tContextKey;
     std::map<tContextKey, std::size_t> m_incomingIndex;
-    std::size_t m_incomingHoles;
+    std::size_t m_incomingHoles;       // read without the lock by eraseDeletedTelegrams_TS
+    std::size_t m_outgoingHoles;       // null entries in the outgoing queue, likewise
     std::size_t m_oldestIncoming;      // no open context sits before this slot
     unsigned long long m_incomingBytes;  // payload bytes of the parts in open contexts
     unsigned int m_u32MaxIncomingContexts;

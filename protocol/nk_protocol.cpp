@@ -58,7 +58,7 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
                          tProtLogFcn logFcn, void* logContext, tOutputFcn logOutput)
     : tLog(logContext, logOutput), m_u32OwnAddress(ownAddress), m_csIncoming(true), m_csOutgoing(true),
       m_pRecvCb(recvCb), m_pStream(new tBlob()), m_bNewData(false), m_pContext(context),
-      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_incomingHoles(0), m_oldestIncoming(0), m_incomingBytes(0),
+      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_incomingHoles(0), m_outgoingHoles(0), m_oldestIncoming(0), m_incomingBytes(0),
       m_u32MaxIncomingContexts(0), m_u64MaxIncomingBytes(0),
       m_u32Searched(0),
       m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_bEndFromHeader(false), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
@@ -75,7 +75,7 @@ nk_protocol::~nk_protocol()
         for (nk_telegram* t : m_incoming) delete t;
         m_incoming.clear();
         m_incomingIndex.clear();
-        m_incomingHoles = 0;
+        __atomic_store_n(&m_incomingHoles, std::size_t(0), __ATOMIC_RELAXED);
         m_incomingBytes = 0;
     }
     {
@@ -195,7 +195,7 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
         if (t->hasBeenSend()) {
             if (t->timeout()) {
                 log("outgoing request timed out, notify timeout and remove (tid: %u)", t->telegramId());
-                m_outgoing[i] = nullptr;
+                markOutgoingDeleted(i);
                 t->notifyTimeout();
                 delete t;
             }
@@ -203,7 +203,7 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
         }
         if (!sendFn) {
             log("can't send telegram, no send method, remove telegram");
-            m_outgoing[i] = nullptr;
+            markOutgoingDeleted(i);
             delete t;
             continue;
         }
@@ -212,7 +212,7 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
         frames->clear();
         if (!sent) {
             log("sending telegram failed, remove it (tid: %u)", t->telegramId());
-            m_outgoing[i] = nullptr;
+            markOutgoingDeleted(i);
             delete t;
             continue;
         }
@@ -228,7 +228,7 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
                 t->sourceAddress(), t->destinationAddress());
             continue;
         }
-        m_outgoing[i] = nullptr;
+        markOutgoingDeleted(i);
         delete t;
     }
     if (!m_pSendBuffer && largest > kLargeBuffer) {
@@ -323,7 +323,9 @@ void nk_protocol::parseStream()
         // the look-up until the part is filed.
         HeldLock incomingLock;
         tBlob* target = nullptr;
-        if (part.peekHeader(m_pStream, m_u32FirstStart, m_u32FirstEnd)) {
+        // A whole telegram in one frame, or one for another instance, joins nothing.
+        if (part.peekHeader(m_pStream, m_u32FirstStart, m_u32FirstEnd) && !(part.partId() == 1 && part.isLastPart()) &&
+            (part.destinationAddress() == m_u32OwnAddress || part.destinationAddress() == nk_basicTelegram::ADDRESS_BROADCAST)) {
             incomingLock.take(m_csIncoming);
             target = joinTarget(part, scratch);
             if (!target) incomingLock.release();
@@ -404,7 +406,7 @@ void nk_protocol::handleResponse(nk_telegramPart& part, tBlob* content)
             // request's id is its answer.
             if (!t || !t->waitForResponse() || t->telegramId() != part.telegramId()) continue;
             log("handle response (size %u)", content->size());
-            m_outgoing[i] = nullptr;
+            markOutgoingDeleted(i);
             t->notifyResponse(part.sourceAddress(), content);
             log("remove request");
             delete t;
@@ -532,7 +534,7 @@ nk_telegram* nk_protocol::releaseIncoming(std::size_t index)
     for (unsigned int i = 0; i < t->partCount(); ++i)
         if (nk_telegramPart* p = t->part(i)) m_incomingBytes -= p->payloadLength();
     m_incoming[index] = nullptr;
-    ++m_incomingHoles;
+    __atomic_add_fetch(&m_incomingHoles, std::size_t(1), __ATOMIC_RELAXED);
     return t;
 }
 
@@ -541,9 +543,18 @@ void nk_protocol::dropIncoming(std::size_t index)
     delete releaseIncoming(index);
 }
 
+void nk_protocol::markOutgoingDeleted(std::size_t index)
+{
+    m_outgoing[index] = nullptr;
+    __atomic_add_fetch(&m_outgoingHoles, std::size_t(1), __ATOMIC_RELAXED);
+}
+
 void nk_protocol::eraseDeletedTelegrams_TS()
 {
-    {
+    // Most polls delete nothing; the counts of deleted entries tell, without either lock, that
+    // there is nothing to compact. A count read just before another thread deletes an entry
+    // only leaves that entry to the next call.
+    if (__atomic_load_n(&m_incomingHoles, __ATOMIC_RELAXED) != 0) {
         tCriticalSectionLock lock(m_csIncoming);
         // Compacting renumbers every context behind the first hole, so it waits until the
         // holes are at least half of the list: each compaction then costs no more than the
@@ -551,12 +562,14 @@ void nk_protocol::eraseDeletedTelegrams_TS()
         if (m_incomingHoles != 0 && m_incomingHoles * 2 >= m_incoming.size()) {
             eraseNulls(m_incoming);
             for (std::size_t i = 0; i < m_incoming.size(); ++i) m_incomingIndex[contextKey(m_incoming[i])] = i;
-            m_incomingHoles = 0;
+            __atomic_store_n(&m_incomingHoles, std::size_t(0), __ATOMIC_RELAXED);
             m_oldestIncoming = 0;
         }
     }
+    if (__atomic_load_n(&m_outgoingHoles, __ATOMIC_RELAXED) == 0) return;
     tCriticalSectionLock lock(m_csOutgoing);
     eraseNulls(m_outgoing);
+    __atomic_store_n(&m_outgoingHoles, std::size_t(0), __ATOMIC_RELAXED);
 }
 
 unsigned int nk_protocol::queuedTelegrams_TS()
