@@ -1,6 +1,8 @@
 // tString, tStringList and tBlob: the text and buffer behaviour other layers rely on.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include <random>
 #include <string>
 #include <vector>
@@ -144,4 +146,66 @@ TEST(tBlob, LongSliceSequencesKeepTheBytes)
     EXPECT_EQ(reference.size(), moved.size());
     unsigned char* p = moved.resize(moved.size() + 10);
     EXPECT_TRUE(reference.empty() || std::equal(reference.begin(), reference.end(), p));
+}
+
+// Blobs of a MiB and more live in storage of their own that grows without copying: appends,
+// cuts, resizes, reserves and prepends across that size keep exactly the bytes of a plain
+// reference, and copies, moves and swaps of such blobs stand on their own.
+TEST(tBlob, LargeBlobsKeepTheBytesWhileTheyGrow)
+{
+    std::mt19937 rng(6);
+    tBlob blob;
+    std::vector<unsigned char> reference;
+    unsigned char next = 0;
+    std::size_t largest = 0;
+    for (int round = 0; round < 400; ++round) {
+        std::vector<unsigned char> chunk(rng() % 60000);
+        for (auto& c : chunk) c = next++;
+        blob.append(chunk.data(), static_cast<unsigned int>(chunk.size()));
+        reference.insert(reference.end(), chunk.begin(), chunk.end());
+        const unsigned cut = round % 50 == 49 ? blob.size() - 10 : rng() % 20000;
+        blob.slice(cut);
+        reference.erase(reference.begin(), reference.begin() + std::min<std::size_t>(cut, reference.size()));
+        if (round % 7 == 0) {
+            const unsigned grow = rng() % 600000, old = blob.size();
+            unsigned char* q = blob.resize(old + grow);
+            for (unsigned i = 0; i < grow; ++i) reference.push_back(q[old + i] = next++);
+        }
+        if (round % 11 == 0) blob.reserve(blob.size() + rng() % 4000000);
+        if (round % 13 == 0) {
+            std::vector<unsigned char> head(rng() % 5000, 0xAB);
+            blob.prepend(head.data(), static_cast<unsigned int>(head.size()));
+            reference.insert(reference.begin(), head.begin(), head.end());
+        }
+        ASSERT_EQ(reference.size(), blob.size());
+        ASSERT_TRUE(reference.empty() || std::memcmp(reference.data(), blob.getBuffer(), reference.size()) == 0) << round;
+        largest = std::max<std::size_t>(largest, blob.size());
+    }
+    EXPECT_GT(largest, 2u << 20);
+    // Grown while bytes are cut off its front, as a stream is.
+    tBlob stream;
+    std::vector<unsigned char> sent;
+    for (unsigned int piece = 0; piece < 12; ++piece) {
+        std::vector<unsigned char> bytes(700000 + piece);
+        for (auto& c : bytes) c = next++;
+        stream.append(bytes.data(), static_cast<unsigned int>(bytes.size()));
+        sent.insert(sent.end(), bytes.begin(), bytes.end());
+        stream.slice(100000);
+        sent.erase(sent.begin(), sent.begin() + 100000);
+        ASSERT_EQ(stream, tBlob(sent.data(), static_cast<unsigned int>(sent.size()))) << piece;
+    }
+    std::vector<unsigned char> tail(3u << 20, 0x5C);
+    blob.append(tail.data(), static_cast<unsigned int>(tail.size()));
+    reference.insert(reference.end(), tail.begin(), tail.end());
+    tBlob copy(blob), moved(std::move(copy)), swapped;
+    swapped.swap(moved);
+    blob.getBuffer()[0] ^= 0xFF;
+    EXPECT_EQ(swapped.size(), reference.size());
+    EXPECT_EQ(0, std::memcmp(swapped.getBuffer(), reference.data(), reference.size()));
+    EXPECT_EQ(moved.size(), 0u);
+    blob = swapped;
+    EXPECT_EQ(blob, swapped);
+    blob.clear();
+    blob.append(swapped.getBuffer() + 5, 100);  // from another blob's storage
+    EXPECT_EQ(blob, tBlob(reference.data() + 5, 100));
 }

@@ -1,11 +1,15 @@
 #include "tBlob.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #if defined(__linux__)
 #include <sys/mman.h>
+#include <unistd.h>
+#define NK_TBLOB_MAPPED 1
 #endif
 
 void nk_adviseLargeBuffer(void* p, std::size_t bytes)
@@ -20,6 +24,83 @@ void nk_adviseLargeBuffer(void* p, std::size_t bytes)
     (void)p;
     (void)bytes;
 #endif
+}
+
+namespace
+{
+// Storage from this size on is mapped pages of its own: growing it (a stream that frames
+// arrive into, a content that parts are joined onto) remaps the pages instead of copying the
+// bytes, and gives fresh pages back to the system when freed.
+const std::size_t kMappedFrom = std::size_t(1) << 20;
+// Storage from this size on is advised as huge pages: a fresh 64 MiB buffer then costs 32
+// page faults instead of 16,384, which on a virtual machine is most of the time of a first
+// large transfer.
+const std::size_t kHugeFrom = std::size_t(4) << 20;
+
+// The whole mapping is advised, not only its whole huge pages: advice on part of a mapping
+// splits it in two, and a split mapping can no longer be grown in one piece.
+void adviseHuge(void* p, std::size_t capacity)
+{
+#if defined(NK_TBLOB_MAPPED) && defined(MADV_HUGEPAGE)
+    if (capacity >= kHugeFrom) madvise(p, capacity, MADV_HUGEPAGE);
+#else
+    (void)p;
+    (void)capacity;
+#endif
+}
+
+bool isMapped(std::size_t capacity)
+{
+#ifdef NK_TBLOB_MAPPED
+    return capacity >= kMappedFrom;
+#else
+    (void)capacity;
+    return false;
+#endif
+}
+
+std::size_t roundedCapacity(std::size_t n)
+{
+#ifdef NK_TBLOB_MAPPED
+    if (n >= kMappedFrom) {
+        static const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+        return (n + page - 1) / page * page;
+    }
+#endif
+    return n;
+}
+
+unsigned char* allocateStorage(std::size_t capacity)
+{
+#ifdef NK_TBLOB_MAPPED
+    if (isMapped(capacity)) {
+        void* p = mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED) throw std::bad_alloc();
+        adviseHuge(p, capacity);
+        return static_cast<unsigned char*>(p);
+    }
+#endif
+    void* p = std::malloc(capacity);
+    if (!p) throw std::bad_alloc();
+    return static_cast<unsigned char*>(p);
+}
+
+void freeStorage(unsigned char* p, std::size_t capacity)
+{
+    if (!p) return;
+#ifdef NK_TBLOB_MAPPED
+    if (isMapped(capacity)) {
+        munmap(p, capacity);
+        return;
+    }
+#endif
+    std::free(p);
+}
+}
+
+tBlob::~tBlob()
+{
+    freeStorage(m_data, m_capacity);
 }
 
 tBlob::tBlob(tBlob const* other)
@@ -37,17 +118,17 @@ tBlob::tBlob(tBlob const& other)
     append(other.getBuffer(), other.size());
 }
 
-tBlob::tBlob(tBlob&& other) noexcept : m_data(std::move(other.m_data)), m_offset(other.m_offset)
+tBlob::tBlob(tBlob&& other) noexcept
+    : m_data(other.m_data), m_end(other.m_end), m_capacity(other.m_capacity), m_offset(other.m_offset)
 {
-    other.m_data.clear();
-    other.m_offset = 0;
+    other.m_data = nullptr;
+    other.m_end = other.m_capacity = other.m_offset = 0;
 }
 
 tBlob& tBlob::operator=(tBlob const& other)
 {
     if (this != &other) {
-        m_data.clear();
-        m_offset = 0;
+        m_end = m_offset = 0;
         append(other.getBuffer(), other.size());
     }
     return *this;
@@ -56,10 +137,8 @@ tBlob& tBlob::operator=(tBlob const& other)
 tBlob& tBlob::operator=(tBlob&& other) noexcept
 {
     if (this != &other) {
-        m_data = std::move(other.m_data);
-        m_offset = other.m_offset;
-        other.m_data.clear();
-        other.m_offset = 0;
+        tBlob taken(std::move(other));
+        swap(taken);
     }
     return *this;
 }
@@ -67,78 +146,80 @@ tBlob& tBlob::operator=(tBlob&& other) noexcept
 void tBlob::compact()
 {
     if (m_offset == 0) return;
-    std::size_t live = m_data.size() - m_offset;
-    if (live) std::memmove(m_data.data(), m_data.data() + m_offset, live);
-    m_data.resize(live);
+    const std::size_t live = m_end - m_offset;
+    if (live) std::memmove(m_data, m_data + m_offset, live);
+    m_end = live;
+    m_offset = 0;
+}
+
+void tBlob::grow(std::size_t n)
+{
+    const std::size_t live = m_end - m_offset;
+    if (m_offset + n <= m_capacity) return;
+    if (n <= m_capacity && m_offset && live <= m_capacity / 2) {
+        // The dead prefix is most of the storage: reuse it.
+        compact();
+        return;
+    }
+    // At least twice as large, so a blob grown piece by piece moves O(1) times per byte.
+    std::size_t want = m_capacity * 2 > n ? m_capacity * 2 : n;
+    want = roundedCapacity(want);
+#if defined(NK_TBLOB_MAPPED) && defined(MREMAP_MAYMOVE)
+    if (isMapped(m_capacity) && isMapped(want)) {
+        // The pages move, not the bytes: the live bytes are first moved to the front only
+        // if the dead prefix is large, as they would have been in a copy.
+        if (m_offset >= kMappedFrom) compact();
+        void* p = mremap(m_data, m_capacity, want, MREMAP_MAYMOVE);
+        if (p != MAP_FAILED) {
+            m_data = static_cast<unsigned char*>(p);
+            adviseHuge(p, want);
+            m_capacity = want;
+            return;
+        }
+        // Otherwise copied, as any other storage.
+    }
+#endif
+    unsigned char* fresh = allocateStorage(want);
+    if (live) std::memcpy(fresh, m_data + m_offset, live);
+    freeStorage(m_data, m_capacity);
+    m_data = fresh;
+    m_capacity = want;
+    m_end = live;
     m_offset = 0;
 }
 
 unsigned char* tBlob::resize(unsigned int n)
 {
-    if (m_offset && m_offset + n > m_data.capacity() && n <= m_data.capacity()) compact();
-    if (m_offset + n > m_data.capacity()) {
-        // Grown here rather than by the vector, which moves bytes one by one through the
-        // allocator: the live bytes that stay move once, with memcpy, into storage at least
-        // twice as large, so a blob grown part by part is moved O(1) times per byte.
-        const std::size_t live = size();
-        const std::size_t keep = live < n ? live : n;
-        const std::size_t grown = m_data.capacity() * 2;
-        std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> fresh;
-        fresh.reserve(grown > n ? grown : n);
-        fresh.resize(n);
-        if (keep) std::memcpy(fresh.data(), getBuffer(), keep);
-        m_data.swap(fresh);
-        m_offset = 0;
-        return getBuffer();
-    }
-    m_data.resize(m_offset + n);
+    grow(n);
+    m_end = m_offset + n;
     return getBuffer();
 }
 
 void tBlob::reserve(unsigned int n)
 {
     compact();
-    if (n <= m_data.capacity()) return;
-    // As in resize: the bytes move once, with memcpy.
-    const std::size_t live = m_data.size();
-    std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> fresh;
-    fresh.reserve(n);
-    fresh.resize(live);
-    if (live) std::memcpy(fresh.data(), m_data.data(), live);
-    m_data.swap(fresh);
+    if (n <= m_capacity) return;
+    const std::size_t live = m_end;
+    unsigned char* fresh = allocateStorage(roundedCapacity(n));
+    if (live) std::memcpy(fresh, m_data, live);
+    freeStorage(m_data, m_capacity);
+    m_data = fresh;
+    m_capacity = roundedCapacity(n);
 }
 
 void tBlob::append(unsigned char const* data, unsigned int length)
 {
     if (!data || length == 0) return;
-    unsigned char const* begin = m_data.data();
-    if (begin && data >= begin && data < begin + m_data.size()) {
+    if (m_data && data >= m_data && data < m_data + m_end) {
         // The source lies inside this blob, and growing or compacting moves the storage.
-        std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> copy(data, data + length);
-        append(copy.data(), length);
+        tBlob copy(data, length);
+        append(copy.getBuffer(), length);
         return;
     }
-    if (m_data.size() + length > m_data.capacity()) {
-        const std::size_t live = size();
-        if (live + length <= m_data.capacity() / 2) {
-            // The dead prefix is most of the storage: reuse it.
-            compact();
-        } else {
-            // Grow geometrically ourselves (resize alone may allocate exactly what is asked
-            // for), moving only the live bytes, once.
-            std::size_t want = live + length;
-            std::size_t grown = m_data.capacity() * 2;
-            std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> fresh;
-            fresh.reserve(grown > want ? grown : want);
-            fresh.resize(live);
-            if (live) std::memcpy(fresh.data(), getBuffer(), live);
-            m_data.swap(fresh);
-            m_offset = 0;
-        }
-    }
-    std::size_t oldEnd = m_data.size();
-    m_data.resize(oldEnd + length);
-    std::memcpy(m_data.data() + oldEnd, data, length);
+    const std::size_t oldSize = m_end - m_offset;
+    grow(oldSize + length);
+    std::memcpy(m_data + m_end, data, length);
+    m_end += length;
 }
 
 void tBlob::append(tBlob const& other)
@@ -154,26 +235,26 @@ void tBlob::append(unsigned char byte)
 void tBlob::prepend(unsigned char const* data, unsigned int length)
 {
     if (!data || length == 0) return;
-    unsigned char const* begin = m_data.data();
-    bool inside = begin && data >= begin && data < begin + m_data.size();
-    if (inside) {
-        std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> copy(data, data + length);
-        prepend(copy.data(), length);
+    if (m_data && data >= m_data && data < m_data + m_end) {
+        tBlob copy(data, length);
+        prepend(copy.getBuffer(), length);
         return;
     }
     if (m_offset >= length) {
         // Room left by earlier slices: step the read offset back.
         m_offset -= length;
-        std::memcpy(m_data.data() + m_offset, data, length);
+        std::memcpy(m_data + m_offset, data, length);
         return;
     }
-    std::size_t live = size();
-    std::vector<unsigned char, tDefaultInitAllocator<unsigned char>> fresh;
-    fresh.reserve(live + length);
-    fresh.resize(live + length);
-    std::memcpy(fresh.data(), data, length);
-    if (live) std::memcpy(fresh.data() + length, getBuffer(), live);
-    m_data.swap(fresh);
+    const std::size_t live = m_end - m_offset;
+    const std::size_t want = roundedCapacity(live + length);
+    unsigned char* fresh = allocateStorage(want);
+    std::memcpy(fresh, data, length);
+    if (live) std::memcpy(fresh + length, m_data + m_offset, live);
+    freeStorage(m_data, m_capacity);
+    m_data = fresh;
+    m_capacity = want;
+    m_end = live + length;
     m_offset = 0;
 }
 
@@ -184,7 +265,8 @@ void tBlob::prepend(tBlob const& other)
 
 void tBlob::clear()
 {
-    m_data.clear();
+    // The storage stays: a cleared blob is usually filled again.
+    m_end = 0;
     m_offset = 0;
 }
 
@@ -210,7 +292,9 @@ unsigned int tBlob::getIndexOf(unsigned char b) const
 
 void tBlob::swap(tBlob& other) noexcept
 {
-    m_data.swap(other.m_data);
+    std::swap(m_data, other.m_data);
+    std::swap(m_end, other.m_end);
+    std::swap(m_capacity, other.m_capacity);
     std::swap(m_offset, other.m_offset);
 }
 
