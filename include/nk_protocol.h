@@ -136,6 +136,7 @@ private:
     // large telegram; the first poll that does not need one gives it back. All three are
     // touched by the polling thread only; null while not kept.
     tBlob* m_pSendBuffer;       // the frames of the telegram being sent
+    tBlob m_smallFrames;        // the same for small telegrams, kept while it stays small
     tBlob* m_pContentSpare;     // storage for the next joined multi-part content
     bool m_bSpareFromThisPoll;
     unsigned int m_u32StreamPeak;  // the most bytes the stream held since it was released

@@ -15,6 +15,9 @@ const unsigned char kFrameEnd = 0x02;
 // consecutive polls need them (see nk_protocol's members), so an engine that once took or
 // sent a large telegram does not hold that much while idle.
 const unsigned int kLargeBuffer = 65536;
+// The frames of small telegrams are written into a buffer the engine keeps while it holds
+// no more than this; larger ones are given back after the round.
+const unsigned int kSmallFramesKept = 1024;
 
 template <typename T>
 void eraseNulls(tVector<T*>& list)
@@ -183,8 +186,9 @@ void nk_protocol::releaseUnneededBuffers(unsigned int sentBytes, unsigned int pa
 
 unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn)
 {
-    // One frame buffer for every telegram of this round; a large one is kept for the next.
-    tBlob local;
+    // One frame buffer for every telegram of this round; a large one is kept for the next,
+    // and so is a small one, which an idle engine can afford.
+    tBlob& local = m_smallFrames;
     tBlob* frames = m_pSendBuffer ? m_pSendBuffer : &local;
     unsigned int largest = 0;
     tCriticalSectionLock lock(m_csOutgoing);
@@ -235,6 +239,7 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
         m_pSendBuffer = new tBlob();
         m_pSendBuffer->swap(local);
     }
+    if (largest > kSmallFramesKept) tBlob().swap(local);
     return largest;
 }
 

@@ -15,6 +15,7 @@ const unsigned char kFrameEnd = 0x02;
 // source, destination, id, part id, time stamp (u32 each), flags (u8), payload length (u32)
 const unsigned int kHeaderBytes = 25;
 const unsigned int kCrcBytes = 1;
+const unsigned int kSmallPayload = 256;
 const unsigned int kTypeMask = 0x03;
 const unsigned int kPartInfoMask = 0x0C;
 const unsigned int kCompressionMask = 0x30;
@@ -222,11 +223,19 @@ bool nk_telegramPart::serialize(tBlob* out)
                                             (m_eCompression & kCompressionMask));
     nk::writeLE<uint32_t>(header + 21, length);
     unsigned char const* payload = payloadBytes();
-    unsigned char crc = crc_crc8init(header, kHeaderBytes);
-
     const unsigned int start = out->size();
     unsigned char* frame = out->resize(start + static_cast<unsigned int>(total)) + start;
     frame[0] = kFrameStart;
+    if (length <= kSmallPayload) {
+        // A small body is put together first and encoded in one call.
+        unsigned char body[kHeaderBytes + kSmallPayload + kCrcBytes];
+        std::memcpy(body, header, kHeaderBytes);
+        std::memcpy(body + kHeaderBytes, payload, length);
+        body[kHeaderBytes + length] = crc_crc8init(body, kHeaderBytes + length);
+        frame[1 + base128::encode(frame + 1, body, kHeaderBytes + length + kCrcBytes)] = kFrameEnd;
+        return true;
+    }
+    unsigned char crc = crc_crc8init(header, kHeaderBytes);
     tBase128Writer writer(frame + 1);
     writer.feed(header, kHeaderBytes);
     for (unsigned int done = 0; done < length;) {
