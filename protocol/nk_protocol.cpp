@@ -18,6 +18,9 @@ const unsigned int kLargeBuffer = 65536;
 // The frames of small telegrams are written into a buffer the engine keeps while it holds
 // no more than this; larger ones are given back after the round.
 const unsigned int kSmallFramesKept = 1024;
+// A stream holding no more than this behind a start byte is searched for the end byte; only
+// larger ones are worth the look at the frame's length field.
+const unsigned int kSearchedAnyway = 4096;
 
 template <typename T>
 void eraseNulls(tVector<T*>& list)
@@ -279,7 +282,8 @@ bool nk_protocol::frameMayBeReady()
         if (m_u32FirstStart == kNotFound) m_u32FirstStart = find(kFrameStart, m_u32Searched, size);
         if (m_u32FirstEnd == kNotFound) {
             unsigned int from = m_u32Searched;
-            if (m_u32FirstStart != kNotFound && m_u32Searched <= m_u32FirstStart) {
+            if (m_u32FirstStart != kNotFound && m_u32Searched <= m_u32FirstStart &&
+                size - m_u32FirstStart > kSearchedAnyway) {
                 // Nothing after the start byte searched yet. Unless an end byte comes first,
                 // the frame's length field says where its end byte must be; reading the frame
                 // checks that no other start or end byte lies before it (see parseStream), so
