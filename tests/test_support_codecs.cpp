@@ -91,6 +91,14 @@ TEST(Crc8, CatalogueCheckValueAndSelfCheck)
         EXPECT_EQ(0x00, crc_crc8init(data.data(), static_cast<unsigned>(data.size()))) << n;
     }
 
+    // Every length class: the tables, the 128-bit folding and the wide folding where the
+    // processor has it, each continued from a CRC that is not zero.
+    for (std::size_t n : {255u, 256u, 257u, 1000u, 2047u, 2048u, 2049u, 2303u, 4096u, 70001u}) {
+        Bytes data = randomBytes(n + 5, static_cast<unsigned>(n));
+        const unsigned char head = crc_crc8init(data.data(), 5);
+        EXPECT_EQ(bitwiseCrc8(data), crc_crc8update(head, data.data() + 5, static_cast<unsigned>(n))) << n;
+    }
+
     Bytes big = randomBytes(100003, 7);
     unsigned char whole = crc_crc8init(big.data(), static_cast<unsigned>(big.size()));
     unsigned char pieces = crc_crc8init(big.data(), 13);
