@@ -14,6 +14,7 @@
 #include "base128.h"
 #include "crc8.h"
 #include "nk_protocol.h"
+#include "tCompression.h"
 
 #include <dlfcn.h>
 
@@ -262,6 +263,19 @@ void BM_PureCodec64MiB(benchmark::State& state)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBig);
 }
 
+// The compression choice alone over the content of the transfers above, which ends up
+// plain: what a sender pays before its first frame, as a share of the whole transfer.
+void BM_CompressionChoiceRandom64MiB(benchmark::State& state)
+{
+    tBlob content = randomContent(kBig);
+    for (auto _ : state) {
+        unsigned int rle = 0, huffman = 0;
+        tCompression::encodedSizes(content.getBuffer(), content.size(), rle, huffman);
+        if (rle < kBig || huffman < kBig) state.SkipWithError("random content compressed");
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBig);
+}
+
 void BM_EngineToEngineRandom64MiB(benchmark::State& state)
 {
     static tBlob content = randomContent(kBig);
@@ -417,6 +431,7 @@ void BM_OpenContextMemory(benchmark::State& state)
 
 BENCHMARK(BM_Memcpy64MiB)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PureCodec64MiB)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CompressionChoiceRandom64MiB)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EngineToEngineRandom64MiB)->Arg(1 << 20)->Arg(4096)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EngineToEngineCompressible64MiB)->Arg(1 << 20)->Arg(4096)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FirstTransferRandom64MiB)->Arg(1 << 20)->Arg(4096)->Unit(benchmark::kMillisecond);
