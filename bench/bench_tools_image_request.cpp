@@ -21,12 +21,13 @@ namespace
 {
 const std::size_t kBytes = 50u << 20;
 
-// A file of kBytes random bytes, removed at exit; read once so that it is in the page cache.
-std::string const& contentFile()
+// A file of kBytes pseudo-random bytes (in the page cache, just written), removed at exit.
+char g_contentPath[] = "/tmp/nk-bench-image-XXXXXX";
+
+char const* contentFile()
 {
-    static std::string path = [] {
-        char pattern[] = "/tmp/nk-bench-image-XXXXXX";
-        const int fd = ::mkstemp(pattern);
+    static bool written = [] {
+        const int fd = ::mkstemp(g_contentPath);
         std::vector<unsigned char> piece(1u << 20);
         unsigned int x = 12345;
         for (std::size_t done = 0; done < kBytes; done += piece.size()) {
@@ -34,10 +35,10 @@ std::string const& contentFile()
             if (::write(fd, piece.data(), piece.size()) != static_cast<ssize_t>(piece.size())) std::abort();
         }
         ::close(fd);
-        std::atexit([] { ::unlink(path.c_str()); });
-        return std::string(pattern);
+        std::atexit([] { ::unlink(g_contentPath); });
+        return true;
     }();
-    return path;
+    return written ? g_contentPath : nullptr;
 }
 
 void BM_ImageRequestFromFile50MiB(benchmark::State& state)
@@ -55,7 +56,7 @@ void BM_ReadIntoFreshMemory50MiB(benchmark::State& state)
 {
     for (auto _ : state) {
         std::unique_ptr<unsigned char[]> into(new unsigned char[kBytes]);
-        const int fd = ::open(contentFile().c_str(), O_RDONLY);
+        const int fd = ::open(contentFile(), O_RDONLY);
         for (std::size_t done = 0; done < kBytes;) {
             const ssize_t n = ::read(fd, into.get() + done, std::min<std::size_t>(1u << 20, kBytes - done));
             if (n <= 0) break;
