@@ -54,16 +54,20 @@ private:
     void compact();
     // Makes room for at least n bytes behind the offset, keeping the live bytes.
     void grow(std::size_t n);
+    // Moves the live bytes to the front of storage of (at least) this capacity.
+    void moveTo(std::size_t capacity);
 
     inline static unsigned char s_noBytes = 0;
 
     // Bytes [m_offset, m_end) of m_data are the content; new bytes are left uninitialised,
-    // since buffers are sized once and then filled. Storage of a MiB and more is mapped
-    // pages of its own, so that growing it moves page mappings instead of bytes.
+    // since buffers are sized once and then filled. A blob that grows past a MiB moves into
+    // mapped pages of its own (m_bMapped), so that growing it further moves page mappings
+    // instead of bytes.
     unsigned char* m_data = nullptr;
     std::size_t m_end = 0;
     std::size_t m_capacity = 0;
     std::size_t m_offset = 0;
+    bool m_bMapped = false;
 };
 
 #endif

@@ -28,13 +28,14 @@ void nk_adviseLargeBuffer(void* p, std::size_t bytes)
 
 namespace
 {
-// Storage from this size on is mapped pages of its own: growing it (a stream that frames
-// arrive into, a content that parts are joined onto) remaps the pages instead of copying the
-// bytes, and gives fresh pages back to the system when freed.
+// A blob that grows past this size (a stream that frames arrive into, a content that parts
+// are joined onto) moves into mapped pages of its own, which grow by remapping them instead
+// of copying the bytes. Storage allocated at its size in one go stays with malloc, which
+// reuses freed memory without new page faults.
 const std::size_t kMappedFrom = std::size_t(1) << 20;
-// Storage from this size on is advised as huge pages: a fresh 64 MiB buffer then costs 32
-// page faults instead of 16,384, which on a virtual machine is most of the time of a first
-// large transfer.
+// Mapped storage from this size on is advised as huge pages: a fresh 64 MiB buffer then
+// costs 32 page faults instead of 16,384, which on a virtual machine is most of the time of
+// a first large transfer.
 const std::size_t kHugeFrom = std::size_t(4) << 20;
 
 // The whole mapping is advised, not only its whole huge pages: advice on part of a mapping
@@ -49,58 +50,52 @@ void adviseHuge(void* p, std::size_t capacity)
 #endif
 }
 
-bool isMapped(std::size_t capacity)
+std::size_t pageRounded(std::size_t n)
 {
 #ifdef NK_TBLOB_MAPPED
-    return capacity >= kMappedFrom;
+    static const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return (n + page - 1) / page * page;
 #else
-    (void)capacity;
-    return false;
-#endif
-}
-
-std::size_t roundedCapacity(std::size_t n)
-{
-#ifdef NK_TBLOB_MAPPED
-    if (n >= kMappedFrom) {
-        static const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-        return (n + page - 1) / page * page;
-    }
-#endif
     return n;
+#endif
 }
 
-unsigned char* allocateStorage(std::size_t capacity)
+// Storage of capacity bytes, mapped if asked (and the system has it); capacity is rounded
+// up to whole pages for a mapping. Throws std::bad_alloc as new does.
+unsigned char* allocateStorage(std::size_t& capacity, bool& mapped)
 {
 #ifdef NK_TBLOB_MAPPED
-    if (isMapped(capacity)) {
+    if (mapped) {
+        capacity = pageRounded(capacity);
         void* p = mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (p == MAP_FAILED) throw std::bad_alloc();
         adviseHuge(p, capacity);
         return static_cast<unsigned char*>(p);
     }
 #endif
+    mapped = false;
     void* p = std::malloc(capacity);
     if (!p) throw std::bad_alloc();
     return static_cast<unsigned char*>(p);
 }
 
-void freeStorage(unsigned char* p, std::size_t capacity)
+void freeStorage(unsigned char* p, std::size_t capacity, bool mapped)
 {
     if (!p) return;
 #ifdef NK_TBLOB_MAPPED
-    if (isMapped(capacity)) {
+    if (mapped) {
         munmap(p, capacity);
         return;
     }
 #endif
+    (void)capacity;
     std::free(p);
 }
 }
 
 tBlob::~tBlob()
 {
-    freeStorage(m_data, m_capacity);
+    freeStorage(m_data, m_capacity, m_bMapped);
 }
 
 tBlob::tBlob(tBlob const* other)
@@ -119,10 +114,12 @@ tBlob::tBlob(tBlob const& other)
 }
 
 tBlob::tBlob(tBlob&& other) noexcept
-    : m_data(other.m_data), m_end(other.m_end), m_capacity(other.m_capacity), m_offset(other.m_offset)
+    : m_data(other.m_data), m_end(other.m_end), m_capacity(other.m_capacity), m_offset(other.m_offset),
+      m_bMapped(other.m_bMapped)
 {
     other.m_data = nullptr;
     other.m_end = other.m_capacity = other.m_offset = 0;
+    other.m_bMapped = false;
 }
 
 tBlob& tBlob::operator=(tBlob const& other)
@@ -154,21 +151,27 @@ void tBlob::compact()
 
 void tBlob::grow(std::size_t n)
 {
-    const std::size_t live = m_end - m_offset;
     if (m_offset + n <= m_capacity) return;
+    const std::size_t live = m_end - m_offset;
     if (n <= m_capacity && m_offset && live <= m_capacity / 2) {
         // The dead prefix is most of the storage: reuse it.
         compact();
         return;
     }
     // At least twice as large, so a blob grown piece by piece moves O(1) times per byte.
-    std::size_t want = m_capacity * 2 > n ? m_capacity * 2 : n;
-    want = roundedCapacity(want);
+    moveTo(m_capacity * 2 > n ? m_capacity * 2 : n);
+}
+
+void tBlob::moveTo(std::size_t capacity)
+{
+    const std::size_t live = m_end - m_offset;
+    bool mapped = m_capacity != 0 && capacity >= kMappedFrom;
 #if defined(NK_TBLOB_MAPPED) && defined(MREMAP_MAYMOVE)
-    if (isMapped(m_capacity) && isMapped(want)) {
-        // The pages move, not the bytes: the live bytes are first moved to the front only
-        // if the dead prefix is large, as they would have been in a copy.
+    if (mapped && m_bMapped) {
+        // The pages move, not the bytes; the live bytes are moved to the front first only if
+        // the dead prefix is large.
         if (m_offset >= kMappedFrom) compact();
+        const std::size_t want = pageRounded(capacity);
         void* p = mremap(m_data, m_capacity, want, MREMAP_MAYMOVE);
         if (p != MAP_FAILED) {
             m_data = static_cast<unsigned char*>(p);
@@ -179,11 +182,12 @@ void tBlob::grow(std::size_t n)
         // Otherwise copied, as any other storage.
     }
 #endif
-    unsigned char* fresh = allocateStorage(want);
+    unsigned char* fresh = allocateStorage(capacity, mapped);
     if (live) std::memcpy(fresh, m_data + m_offset, live);
-    freeStorage(m_data, m_capacity);
+    freeStorage(m_data, m_capacity, m_bMapped);
     m_data = fresh;
-    m_capacity = want;
+    m_capacity = capacity;
+    m_bMapped = mapped;
     m_end = live;
     m_offset = 0;
 }
@@ -198,13 +202,7 @@ unsigned char* tBlob::resize(unsigned int n)
 void tBlob::reserve(unsigned int n)
 {
     compact();
-    if (n <= m_capacity) return;
-    const std::size_t live = m_end;
-    unsigned char* fresh = allocateStorage(roundedCapacity(n));
-    if (live) std::memcpy(fresh, m_data, live);
-    freeStorage(m_data, m_capacity);
-    m_data = fresh;
-    m_capacity = roundedCapacity(n);
+    if (n > m_capacity) moveTo(n);
 }
 
 void tBlob::append(unsigned char const* data, unsigned int length)
@@ -247,13 +245,15 @@ void tBlob::prepend(unsigned char const* data, unsigned int length)
         return;
     }
     const std::size_t live = m_end - m_offset;
-    const std::size_t want = roundedCapacity(live + length);
-    unsigned char* fresh = allocateStorage(want);
+    std::size_t capacity = live + length;
+    bool mapped = false;
+    unsigned char* fresh = allocateStorage(capacity, mapped);
     std::memcpy(fresh, data, length);
     if (live) std::memcpy(fresh + length, m_data + m_offset, live);
-    freeStorage(m_data, m_capacity);
+    freeStorage(m_data, m_capacity, m_bMapped);
     m_data = fresh;
-    m_capacity = want;
+    m_capacity = capacity;
+    m_bMapped = false;
     m_end = live + length;
     m_offset = 0;
 }
@@ -296,6 +296,7 @@ void tBlob::swap(tBlob& other) noexcept
     std::swap(m_end, other.m_end);
     std::swap(m_capacity, other.m_capacity);
     std::swap(m_offset, other.m_offset);
+    std::swap(m_bMapped, other.m_bMapped);
 }
 
 bool tBlob::operator==(tBlob const& o) const
