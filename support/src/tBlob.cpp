@@ -76,6 +76,8 @@ unsigned char* allocateStorage(std::size_t& capacity, bool& mapped)
     mapped = false;
     void* p = std::malloc(capacity);
     if (!p) throw std::bad_alloc();
+    // Only its whole huge pages: the allocator's own mapping is not this blob's to reshape.
+    if (capacity >= kHugeFrom) nk_adviseLargeBuffer(p, capacity);
     return static_cast<unsigned char*>(p);
 }
 
