@@ -57,6 +57,10 @@ void Link::readMore()
             }
         }
         received(m_readBuffer.data(), n);
+        // A read that filled the buffer is part of a bulk transfer (an image): larger reads
+        // then cost fewer system calls and fewer window updates to the peer. A link that only
+        // ever carries small messages keeps the small buffer.
+        if (n == m_readBuffer.size() && n < kLargestReadBuffer) m_readBuffer.resize(n * 2);
         readMore();
     });
 }

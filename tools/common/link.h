@@ -94,6 +94,8 @@ private:
     bool writeNow(int descriptor, unsigned char const* data, std::size_t length);
     bool waitUntilWritten(std::size_t length);
 
+    // Reads start into 32 KiB and grow up to this while reads fill the buffer.
+    static constexpr std::size_t kLargestReadBuffer = 256u << 10;
     // Writes go out in slices so that a long transfer reports its progress as it goes.
     static constexpr std::size_t kWriteSlice = 64u << 10;
 
