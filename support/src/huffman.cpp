@@ -7,6 +7,18 @@
 
 #include "compression_internal.h"
 
+// On x86-64 a shift by a register amount also waits for the flags of whatever instruction
+// wrote them last (a shift by 0 leaves them alone), which ties independent chains of shifts
+// together again; BMI2's shifts leave the flags alone. The encoder and the lane decoder are
+// therefore built a second time for BMI2 and picked at run time (by a plain test, not by the
+// loader: a loader-time choice runs before a sanitizer's runtime is ready).
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define NK_HUFFMAN_BMI2 1
+#define NK_HUFFMAN_BODY inline __attribute__((always_inline))
+#else
+#define NK_HUFFMAN_BODY inline
+#endif
+
 namespace nk
 {
 namespace huffman
@@ -116,12 +128,22 @@ uint64_t encodedSize(uint64_t length, uint32_t const counts[256], uint8_t const 
     return compression::kHeaderBytes + kLengthTableBytes + (codeStreamBits(counts, lengths) + 7) / 8;
 }
 
-// Built twice on x86-64, as decodeLanes below: the appending of codes is one chain of shifts.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && defined(__linux__)
-__attribute__((target_clones("default", "bmi2")))
+namespace
+{
+#if NK_HUFFMAN_BMI2
+bool hasBmi2()
+{
+    static const bool available = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("bmi2") != 0;
+    }();
+    return available;
+}
 #endif
-std::size_t encodeBody(unsigned char const* data, std::size_t length, uint8_t const lengths[256],
-                       unsigned char* out)
+
+// The appending of codes is one chain of shifts (see NK_HUFFMAN_BMI2).
+NK_HUFFMAN_BODY std::size_t encodeCodes(unsigned char const* data, std::size_t length, uint8_t const lengths[256],
+                                        unsigned char* out)
 {
     for (unsigned k = 0; k < kLengthTableBytes; ++k)
         out[k] = static_cast<unsigned char>(lengths[2 * k] | (lengths[2 * k + 1] << 4));
@@ -181,6 +203,24 @@ std::size_t encodeBody(unsigned char const* data, std::size_t length, uint8_t co
     }
     if (bits) ++o;
     return static_cast<std::size_t>(o - out);
+}
+
+#if NK_HUFFMAN_BMI2
+__attribute__((target("bmi2"))) std::size_t encodeCodesBmi2(unsigned char const* data, std::size_t length,
+                                                            uint8_t const lengths[256], unsigned char* out)
+{
+    return encodeCodes(data, length, lengths, out);
+}
+#endif
+}
+
+std::size_t encodeBody(unsigned char const* data, std::size_t length, uint8_t const lengths[256],
+                       unsigned char* out)
+{
+#if NK_HUFFMAN_BMI2
+    if (hasBmi2()) return encodeCodesBmi2(data, length, lengths, out);
+#endif
+    return encodeCodes(data, length, lengths, out);
 }
 
 namespace
@@ -280,14 +320,9 @@ constexpr uint64_t kSlackBits = 4096;         // stream and output kept in reser
 constexpr std::size_t kLaneScratch = kLaneBits + 64;  // a lane decodes at most kLaneBits + 48 symbols
 constexpr unsigned kGiveUpAfter = 2;          // groups in a row that did not join: decode in one chain
 
-// On x86-64 a shift by a register amount also waits for the flags of whatever instruction
-// wrote them last (a shift by 0 leaves them), which ties the lanes together again; BMI2's
-// shifts leave the flags alone, so a second version is built for processors that have it.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && defined(__linux__)
-__attribute__((target_clones("default", "bmi2")))
-#endif
-void decodeLanes(DecodeTables const& t, unsigned char const* stream, std::size_t streamBytes, uint64_t& bitPos,
-                 unsigned char*& o, unsigned char* const end)
+// The lanes' shifts are independent chains (see NK_HUFFMAN_BMI2).
+NK_HUFFMAN_BODY void decodeLanesWith(DecodeTables const& t, unsigned char const* stream, std::size_t streamBytes,
+                                     uint64_t& bitPos, unsigned char*& o, unsigned char* const end)
 {
     const uint64_t streamBits = static_cast<uint64_t>(streamBytes) * 8;
     auto roomForGroup = [&] {
@@ -350,6 +385,24 @@ void decodeLanes(DecodeTables const& t, unsigned char const* stream, std::size_t
         o = trueOut;
         failedInARow = joined ? 0 : failedInARow + 1;
     }
+}
+
+#if NK_HUFFMAN_BMI2
+__attribute__((target("bmi2"))) void decodeLanesBmi2(DecodeTables const& t, unsigned char const* stream,
+                                                     std::size_t streamBytes, uint64_t& bitPos, unsigned char*& o,
+                                                     unsigned char* const end)
+{
+    decodeLanesWith(t, stream, streamBytes, bitPos, o, end);
+}
+#endif
+
+void decodeLanes(DecodeTables const& t, unsigned char const* stream, std::size_t streamBytes, uint64_t& bitPos,
+                 unsigned char*& o, unsigned char* const end)
+{
+#if NK_HUFFMAN_BMI2
+    if (hasBmi2()) return decodeLanesBmi2(t, stream, streamBytes, bitPos, o, end);
+#endif
+    decodeLanesWith(t, stream, streamBytes, bitPos, o, end);
 }
 }
 
