@@ -35,14 +35,14 @@ bench: build
 # The tests under AddressSanitizer and UndefinedBehaviorSanitizer.
 asan: deps
 	@cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DNK_SANITIZE=address,undefined \
-	  -DNK_BUILD_BENCH=OFF -DNK_BUILD_EXAMPLES=OFF >/dev/null
+	  -DNK_BUILD_BENCH=OFF -DNK_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build-asan -j$(JOBS)
 	@ctest --test-dir build-asan --output-on-failure -j$(JOBS)
 
 # The concurrency tests under ThreadSanitizer.
 tsan: deps
 	@cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNK_SANITIZE=thread \
-	  -DNK_BUILD_BENCH=OFF -DNK_BUILD_EXAMPLES=OFF -DNK_BUILD_TOOLS=OFF >/dev/null
+	  -DNK_BUILD_BENCH=OFF -DNK_BUILD_EXAMPLES=OFF -DNK_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build-tsan -j$(JOBS)
 	@ctest --test-dir build-tsan --output-on-failure -L concurrency -j$(JOBS)
 
