@@ -125,11 +125,16 @@ TEST(Compression, RoundTripsAndSizesAgree)
     while (text.size() < 50000) for (char const* c = words[rng() % 8]; *c; ++c) text.push_back(*c);
     inputs.push_back(text);
 
+    tBlob kept;  // encoded into again and again: its storage still holds the forms before
     for (Bytes const& data : inputs) {
         SCOPED_TRACE(data.size());
         const tBlob in = blobOf(data);
         const tBlob rle = tCompression::encodeRLE(in);
         const tBlob huffman = tCompression::encodeHuffman(in);
+        EXPECT_TRUE(tCompression::encodeHuffman(in, kept));
+        EXPECT_EQ(kept, huffman);
+        EXPECT_TRUE(tCompression::encodeRLE(in, kept));
+        EXPECT_EQ(kept, rle);
         unsigned int rleSize = 0, huffmanSize = 0;
         tCompression::encodedSizes(data.data(), static_cast<unsigned int>(data.size()), rleSize, huffmanSize);
         EXPECT_EQ(rleSize, rle.size());
@@ -151,6 +156,11 @@ TEST(Compression, RoundTripsAndSizesAgree)
     tBlob same = tCompression::encodeRLE(blobOf(runs));  // decoding in place
     EXPECT_TRUE(tCompression::decodeRLE(same, same));
     EXPECT_EQ(same, blobOf(runs));
+    EXPECT_TRUE(tCompression::encodeHuffman(same, same));  // and encoding
+    EXPECT_EQ(same, tCompression::encodeHuffman(blobOf(runs)));
+    same = blobOf(runs);
+    EXPECT_TRUE(tCompression::encodeRLE(same, same));
+    EXPECT_EQ(same, tCompression::encodeRLE(blobOf(runs)));
 }
 
 TEST(Compression, DamagedInputIsRefused)

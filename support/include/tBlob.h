@@ -27,6 +27,8 @@ public:
 
     unsigned int size() const { return static_cast<unsigned int>(m_end - m_offset); }
     bool isEmpty() const { return size() == 0; }
+    // Bytes of storage held, for owners that keep a blob for reuse and give large storage back.
+    std::size_t capacity() const { return m_capacity; }
     // Never null, also for a blob that never held a byte, so that callers may hand it to
     // memcpy and the like with a size of 0.
     unsigned char* getBuffer() { return m_data ? m_data + m_offset : &s_noBytes; }

@@ -14,7 +14,11 @@ public:
     static tBlob encodeHuffman(tBlob const& in);
     static tBlob decodeHuffman(tBlob const& in);
 
-    // The same decoders with an explicit result: true and the content in out, or false.
+    // The same with an explicit result, written into out's own storage (a caller that
+    // reuses out allocates nothing once it is large enough): true and the form or the
+    // content in out, or false and out empty.
+    static bool encodeRLE(tBlob const& in, tBlob& out);
+    static bool encodeHuffman(tBlob const& in, tBlob& out);
     static bool decodeRLE(tBlob const& in, tBlob& out);
     static bool decodeHuffman(tBlob const& in, tBlob& out);
 

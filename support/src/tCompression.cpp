@@ -69,28 +69,36 @@ void histogram(unsigned char const* data, std::size_t length, uint32_t counts[25
 }
 }
 
-tBlob tCompression::encodeRLE(tBlob const& in)
+bool tCompression::encodeRLE(tBlob const& in, tBlob& out)
 {
-    tBlob out;
+    // Through a separate blob when in and out are one: the encoder reads what it writes over.
+    tBlob separate;
+    tBlob& result = &in == &out ? separate : out;
     try {
         unsigned char const* data = in.getBuffer();
         const std::size_t length = in.size();
         uint64_t room = compression::kHeaderBytes + packbits::worstCaseBodySize(length);
         if (room > kMaxBlob) room = compression::kHeaderBytes + packbits::encodedBodySize(data, length);
-        if (room > kMaxBlob) return out;
-        unsigned char* buffer = out.resize(static_cast<unsigned int>(room));
+        if (room > kMaxBlob) {
+            out.clear();
+            return false;
+        }
+        unsigned char* buffer = result.resize(static_cast<unsigned int>(room));
         writeLE<uint32_t>(buffer, static_cast<uint32_t>(length));
         const std::size_t body = packbits::encodeBody(data, length, buffer + compression::kHeaderBytes);
-        out.resize(static_cast<unsigned int>(compression::kHeaderBytes + body));
+        result.resize(static_cast<unsigned int>(compression::kHeaderBytes + body));
     } catch (std::bad_alloc const&) {
         out.clear();
+        return false;
     }
-    return out;
+    if (&result != &out) out.swap(result);
+    return true;
 }
 
-tBlob tCompression::encodeHuffman(tBlob const& in)
+bool tCompression::encodeHuffman(tBlob const& in, tBlob& out)
 {
-    tBlob out;
+    tBlob separate;
+    tBlob& result = &in == &out ? separate : out;
     try {
         unsigned char const* data = in.getBuffer();
         const std::size_t length = in.size();
@@ -99,15 +107,34 @@ tBlob tCompression::encodeHuffman(tBlob const& in)
         compression::histogram(data, length, counts);
         huffman::buildCodeLengths(counts, lengths);
         const uint64_t size = huffman::encodedSize(length, counts, lengths);
-        if (size > kMaxBlob) return out;
+        if (size > kMaxBlob) {
+            out.clear();
+            return false;
+        }
         // The bit writer stores 8 bytes at a time, so it gets 8 bytes of room past the end.
-        unsigned char* buffer = out.resize(static_cast<unsigned int>(size + (length ? 8 : 0)));
+        unsigned char* buffer = result.resize(static_cast<unsigned int>(size + (length ? 8 : 0)));
         writeLE<uint32_t>(buffer, static_cast<uint32_t>(length));
         if (length) huffman::encodeBody(data, length, lengths, buffer + compression::kHeaderBytes);
-        out.resize(static_cast<unsigned int>(size));
+        result.resize(static_cast<unsigned int>(size));
     } catch (std::bad_alloc const&) {
         out.clear();
+        return false;
     }
+    if (&result != &out) out.swap(result);
+    return true;
+}
+
+tBlob tCompression::encodeRLE(tBlob const& in)
+{
+    tBlob out;
+    encodeRLE(in, out);
+    return out;
+}
+
+tBlob tCompression::encodeHuffman(tBlob const& in)
+{
+    tBlob out;
+    encodeHuffman(in, out);
     return out;
 }
 
