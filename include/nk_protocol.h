@@ -86,6 +86,8 @@ private:
     // Gives the bytes of the largest telegram sent.
     unsigned int sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn sendFn);
     void parseStream();
+    void parseFrames(nk_telegramPart& part, tBlob& spare);
+    bool joinsContext(nk_telegramPart const& part) const;
     tBlob* joinTarget(nk_telegramPart& part, tBlob& scratch);
     void handleResponse(nk_telegramPart& part, tBlob* content);
     tBlob* fileMultiPart(nk_telegramPart* part, nk_telegram** complete, bool takePayload);
@@ -140,6 +142,12 @@ private:
     tBlob* m_pContentSpare;     // storage for the next joined multi-part content
     bool m_bSpareFromThisPoll;
     unsigned int m_u32StreamPeak;  // the most bytes the stream held since it was released
+
+    // Small frames are read into this part, and their bodies and contents decoded through
+    // the spare blob, so that reading them allocates nothing; polling thread only.
+    nk_telegramPart m_readPart;
+    tBlob m_readSpare;
+    bool m_bParsing;  // a receive callback that polls reads with a part of its own
 };
 
 #endif

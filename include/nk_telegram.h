@@ -65,6 +65,10 @@ public:
     static unsigned int maxDecodedSize();
 
 protected:
+    // deCompress with the decoded form written into spare's storage, which afterwards holds
+    // the storage of the encoded form: a reader that keeps spare decodes without allocating.
+    void deCompress(tBlob& spare);
+
     // The payload blob is made when first needed: a part whose bytes live elsewhere (and
     // many incoming parts do) then costs no blob at all.
     tBlob* ownPayload()
@@ -159,8 +163,22 @@ public:
 
 private:
     friend class nk_telegram;
+    friend class nk_protocol;
     enum { kFrameInvalid, kFrameValid, kFrameUnconfirmed };
-    int readFrame(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo, bool checkBetween);
+    // With spare, a frame read on its own (no appendTo) is decoded into spare's storage,
+    // which afterwards holds the storage of the part's previous payload: a reader that keeps
+    // this part and spare from frame to frame reads small frames without allocating.
+    int readFrame(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo, bool checkBetween,
+                  tBlob* spare = nullptr);
+    // isSinglePartTelegram, decoding through spare in the same way.
+    tBlob* isSinglePartTelegram(tBlob& spare);
+    // Appends the payload to target and names it there (see host), as if the frame had been
+    // read with target as appendTo; for a reader that learns where the payload belongs only
+    // after reading a small frame.
+    void moveOnto(tBlob* target);
+    // For a reader that keeps this part between polls: stops naming any telegram's content,
+    // and gives back payload storage larger than keepBytes.
+    void settle(std::size_t keepBytes);
     bool readBody(tBlob& body);
     // Makes the bytes [offset, offset + length) of host this part's payload without copying
     // them; host must outlive the part or the part must stop using it (payload() copies).

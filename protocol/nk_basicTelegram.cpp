@@ -66,6 +66,12 @@ unsigned int nk_basicTelegram::maxDecodedSize() { return __atomic_load_n(&s_u32M
 
 void nk_basicTelegram::deCompress()
 {
+    tBlob spare;
+    deCompress(spare);
+}
+
+void nk_basicTelegram::deCompress(tBlob& spare)
+{
     if (m_eCompression != COMPRESSION_RLE && m_eCompression != COMPRESSION_HUFF) return;
     // Both forms announce the decoded length first: a length over the limit is refused
     // before anything is allocated, like a damaged form.
@@ -75,11 +81,10 @@ void nk_basicTelegram::deCompress()
         payload->clear();
         return;
     }
-    tBlob decoded;
     // A damaged form decodes to nothing: the content is then empty.
     if (m_eCompression == COMPRESSION_RLE)
-        tCompression::decodeRLE(*payload, decoded);
+        tCompression::decodeRLE(*payload, spare);
     else
-        tCompression::decodeHuffman(*payload, decoded);
-    payload->swap(decoded);
+        tCompression::decodeHuffman(*payload, spare);
+    payload->swap(spare);
 }

@@ -21,6 +21,9 @@ const unsigned int kSmallFramesKept = 1024;
 // A stream holding no more than this behind a start byte is searched for the end byte; only
 // larger ones are worth the look at the frame's length field.
 const unsigned int kSearchedAnyway = 4096;
+// Frames up to this many encoded bytes are decoded into storage the engine keeps, before
+// their header says whether the payload belongs onto an open context.
+const unsigned int kSmallFrame = 1024;
 
 template <typename T>
 void eraseNulls(tVector<T*>& list)
@@ -68,7 +71,7 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
       m_u32MaxIncomingContexts(0), m_u64MaxIncomingBytes(0),
       m_u32Searched(0),
       m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_bEndFromHeader(false), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
-      m_bSpareFromThisPoll(false), m_u32StreamPeak(0)
+      m_bSpareFromThisPoll(false), m_u32StreamPeak(0), m_bParsing(false)
 {
     // Engines may be built on different threads; the hook is one word shared by all.
     __atomic_store_n(&m_pFcnLog, logFcn, __ATOMIC_RELEASE);
@@ -304,11 +307,17 @@ bool nk_protocol::frameMayBeReady()
     return m_u32FirstStart != kNotFound && m_u32FirstEnd != kNotFound && m_u32FirstEnd > m_u32FirstStart;
 }
 
+bool nk_protocol::joinsContext(nk_telegramPart const& part) const
+{
+    // A whole telegram in one frame, or one for another instance, joins nothing.
+    const unsigned int dest = part.destinationAddress();
+    return !(part.partId() == 1 && part.isLastPart()) &&
+           (dest == m_u32OwnAddress || dest == nk_basicTelegram::ADDRESS_BROADCAST);
+}
+
 tBlob* nk_protocol::joinTarget(nk_telegramPart& part, tBlob& scratch)
 {
-    const unsigned int dest = part.destinationAddress();
-    if (dest != nk_basicTelegram::ADDRESS_BROADCAST && dest != m_u32OwnAddress) return nullptr;
-    if (part.partId() == 1 && part.isLastPart()) return nullptr;  // a whole telegram in one frame
+    if (!joinsContext(part)) return nullptr;
     auto entry = m_incomingIndex.find(contextKey(&part));
     if (entry != m_incomingIndex.end()) return m_incoming[entry->second]->joinedContentFor(part.partId());
     if (part.partId() != 1) return nullptr;
@@ -321,7 +330,32 @@ tBlob* nk_protocol::joinTarget(nk_telegramPart& part, tBlob& scratch)
 
 void nk_protocol::parseStream()
 {
-    nk_telegramPart part;
+    if (m_bParsing) {
+        // A poll from inside a receive callback: the outer loop is still using the engine's
+        // own part and spare storage, so this one reads with its own.
+        nk_telegramPart part;
+        tBlob spare;
+        parseFrames(part, spare);
+        return;
+    }
+    struct Parsing
+    {
+        explicit Parsing(nk_protocol& e) : engine(e) { engine.m_bParsing = true; }
+        ~Parsing()
+        {
+            engine.m_bParsing = false;
+            // Storage for small frames and their contents is kept for the next ones; what a
+            // large content left is given back, so idle engines stay small.
+            engine.m_readPart.settle(kSmallFramesKept);
+            if (engine.m_readSpare.capacity() > kSmallFramesKept) tBlob().swap(engine.m_readSpare);
+        }
+        nk_protocol& engine;
+    } parsing(*this);
+    parseFrames(m_readPart, m_readSpare);
+}
+
+void nk_protocol::parseFrames(nk_telegramPart& part, tBlob& spare)
+{
     tBlob scratch;
     // Deliberate: the loop ends at the first invalid frame, and frames behind it wait for
     // the next bytes to arrive. Peers see the same pacing from every implementation.
@@ -332,18 +366,18 @@ void nk_protocol::parseStream()
         // the look-up until the part is filed.
         HeldLock incomingLock;
         tBlob* target = nullptr;
-        // A whole telegram in one frame, or one for another instance, joins nothing.
-        if (part.peekHeader(m_pStream, m_u32FirstStart, m_u32FirstEnd) && !(part.partId() == 1 && part.isLastPart()) &&
-            (part.destinationAddress() == m_u32OwnAddress || part.destinationAddress() == nk_basicTelegram::ADDRESS_BROADCAST)) {
+        // A small frame is read whole first, without the look at its header that a large
+        // one needs to be decoded in place; its payload is appended to its context after.
+        const bool small = m_u32FirstEnd - m_u32FirstStart <= kSmallFrame;
+        if (!small && part.peekHeader(m_pStream, m_u32FirstStart, m_u32FirstEnd) && joinsContext(part)) {
             incomingLock.take(m_csIncoming);
             target = joinTarget(part, scratch);
             if (!target) incomingLock.release();
         }
-        bool endUnconfirmed = false;
-        const bool valid = part.streamContainsTelegram(m_pStream, m_u32FirstStart, m_u32FirstEnd, target,
-                                                       m_bEndFromHeader ? &endUnconfirmed : nullptr);
+        const int read = part.readFrame(m_pStream, m_u32FirstStart, m_u32FirstEnd, target, m_bEndFromHeader,
+                                        small ? &spare : nullptr);
         m_bEndFromHeader = false;
-        if (endUnconfirmed) {
+        if (read == nk_telegramPart::kFrameUnconfirmed) {
             // Another start or end byte lies inside: the frame ends at the first end byte,
             // which is searched for from the start byte on, as for any other frame.
             m_u32FirstEnd = kNotFound;
@@ -351,7 +385,15 @@ void nk_protocol::parseStream()
         }
         m_u32Searched = 0;
         m_u32FirstStart = m_u32FirstEnd = kNotFound;
-        if (!valid) break;
+        if (read != nk_telegramPart::kFrameValid) break;
+        if (small && joinsContext(part)) {
+            incomingLock.take(m_csIncoming);
+            target = joinTarget(part, scratch);
+            if (target)
+                part.moveOnto(target);
+            else
+                incomingLock.release();
+        }
 
         log("stream contains data");
         const unsigned int id = part.telegramId();
@@ -368,7 +410,7 @@ void nk_protocol::parseStream()
         }
 
         nk_telegram* complete = nullptr;
-        tBlob* content = part.isSinglePartTelegram();
+        tBlob* content = part.isSinglePartTelegram(spare);
         if (content) {
             log("received single part telegram (tlg-id: %u)", id);
         } else {

@@ -170,10 +170,30 @@ tBlob* nk_telegramPart::payload()
 
 tBlob* nk_telegramPart::isSinglePartTelegram()
 {
+    tBlob spare;
+    return isSinglePartTelegram(spare);
+}
+
+tBlob* nk_telegramPart::isSinglePartTelegram(tBlob& spare)
+{
     if (!isLastPart() || m_u32PartId != 1) return nullptr;
     copyHostedBytes();
-    deCompress();
+    deCompress(spare);
     return m_pPayload;
+}
+
+void nk_telegramPart::moveOnto(tBlob* target)
+{
+    const unsigned int length = payloadLength();
+    const unsigned int at = target->size();
+    target->append(payloadBytes(), length);
+    host(target, at, length);
+}
+
+void nk_telegramPart::settle(std::size_t keepBytes)
+{
+    m_pHost = nullptr;
+    if (m_pPayload && m_pPayload->capacity() > keepBytes) tBlob().swap(*m_pPayload);
 }
 
 nk_telegramPart* nk_telegramPart::headerCopy() const
@@ -314,7 +334,7 @@ bool nk_telegramPart::readHeader(unsigned char const* b, unsigned int n, unsigne
 }
 
 int nk_telegramPart::readFrame(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo,
-                               bool checkBetween)
+                               bool checkBetween, tBlob* spare)
 {
     if (!stream || stream->size() == 0) return kFrameInvalid;
     // Deliberate: a stray end byte ahead of the next start byte is not skipped, and the
@@ -329,7 +349,8 @@ int nk_telegramPart::readFrame(tBlob* stream, unsigned int startIndex, unsigned 
     if (encodedLength != 0 && (!appendTo || encodedLength <= 32)) {
         // The decoded body is never longer than the encoded bytes that are present, so this
         // allocation is bounded by the input. It becomes the payload when the frame is good.
-        tBlob body;
+        tBlob local;
+        tBlob& body = spare && !appendTo ? *spare : local;
         const unsigned int bodyLength = base128::decodedSize(encodedLength);
         unsigned char* b = body.resize(bodyLength);
         unsigned char crc = 0;

@@ -56,8 +56,8 @@ struct Endpoint
 {
     enum Answer { REVERSE, NOTHING };
 
-    Endpoint(unsigned int address, unsigned int defaultTimeout_s = 10)
-        : engine(address, onRequest, this, defaultTimeout_s, nullptr, &log, onLog)
+    Endpoint(unsigned int address, unsigned int defaultTimeout_s = 10, nk_protocol::tRecvCallback recvCb = onRequest)
+        : engine(address, recvCb, this, defaultTimeout_s, nullptr, &log, onLog)
     {
     }
 
@@ -227,6 +227,85 @@ TEST(Protocol, BroadcastOtherAddressesAndTwoResponses)
     ASSERT_EQ(a.responses.size(), 4u);
     EXPECT_EQ(a.responses[3].tag, 8);
     EXPECT_EQ(a.responses[3].content, textBlob("orez"));
+}
+
+// The engines keep the objects and storage that small telegrams pass through from one
+// telegram to the next: whatever came before, each content arrives exactly as it was sent,
+// with no byte of an earlier one, both ways, whole or in parts, compressed or not.
+TEST(Protocol, StorageKeptBetweenTelegramsCarriesNothingOver)
+{
+    Endpoint a(1), b(2);
+    join(a, b);
+    std::vector<tBlob> contents;
+    contents.push_back(randomBlob(900, 1));
+    contents.push_back(textBlob("x"));
+    tBlob runs(randomBlob(5, 2));
+    runs.append(tBlob(std::vector<unsigned char>(300, 0).data(), 300));  // RLE pays
+    contents.push_back(runs);
+    contents.push_back(randomBlob(3, 3));
+    contents.push_back(randomBlob(6000, 4));  // a frame too large for the kept storage
+    contents.push_back(textBlob("after the large one"));
+    tBlob text;
+    for (int i = 0; i < 3000; ++i) text.append(static_cast<unsigned char>("abcab  "[i % 7]));
+    contents.push_back(text);  // Huffman pays
+    contents.push_back(randomBlob(2, 5));
+    long long tag = 0;
+    for (unsigned int maxPayload : {0u, 64u}) {
+        MaxPayload limit(maxPayload ? maxPayload : nk_telegram::s_u32MaxPayloadSize);
+        for (tBlob const& content : contents) {
+            a.request(content, 2, ++tag);
+            pollBoth(a, b);
+        }
+    }
+    ASSERT_EQ(b.requests.size(), 2 * contents.size());
+    ASSERT_EQ(a.responses.size(), 2 * contents.size());
+    for (std::size_t i = 0; i < 2 * contents.size(); ++i) {
+        tBlob const& sent = contents[i % contents.size()];
+        EXPECT_EQ(b.requests[i].content, sent) << i;
+        EXPECT_EQ(a.responses[i].tag, static_cast<long long>(i + 1));
+        EXPECT_EQ(a.responses[i].content, reversed(sent)) << i;
+    }
+}
+
+// A receive callback that polls its own engine: the inner poll reads the next frame while
+// the outer one still holds the content of the first, which must stay the first's.
+TEST(Protocol, ReceiveCallbackThatPollsAgainKeepsItsContent)
+{
+    struct Nested : Endpoint
+    {
+        Nested() : Endpoint(2, 10, onNestedRequest) {}
+        static void onNestedRequest(unsigned int src, tBlob* content, void* ctx)
+        {
+            Nested* self = static_cast<Nested*>(ctx);
+            tBlob before(*content);
+            if (self->depth++ == 0) {
+                self->inbound.append(self->held);  // the next frame arrives meanwhile
+                self->poll();
+            }
+            self->depth--;
+            self->requests.push_back(Response{src, before, false, 0});
+            EXPECT_EQ(*content, before);
+            *content = reversed(*content);
+        }
+        int depth = 0;
+        tBlob held;
+    };
+    Endpoint a(1);
+    Nested b;
+    join(a, b);
+    a.request(textBlob("first request"), 2, 1);
+    a.request(textBlob("second"), 2, 2);
+    a.poll();
+    const unsigned int firstEnd = b.inbound.getIndexOf(0x02) + 1;
+    b.held = tBlob(b.inbound.getBuffer() + firstEnd, b.inbound.size() - firstEnd);
+    b.inbound.resize(firstEnd);
+    pollBoth(a, b);
+    ASSERT_EQ(b.requests.size(), 2u);
+    EXPECT_EQ(b.requests[0].content, textBlob("second"));  // the inner poll's, finished first
+    EXPECT_EQ(b.requests[1].content, textBlob("first request"));
+    ASSERT_EQ(a.responses.size(), 2u);
+    for (Response const& r : a.responses)
+        EXPECT_EQ(r.content, reversed(r.tag == 1 ? textBlob("first request") : textBlob("second")));
 }
 
 TEST(Protocol, MultiPartContentBothWaysCompressedOrNot)
