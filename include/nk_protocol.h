@@ -98,6 +98,11 @@ private:
     void keepContentStorage(nk_telegram* complete);
     bool frameMayBeReady();
     void markOutgoingDeleted(std::size_t index);
+    // Under the outgoing lock: a new outgoing telegram, built in the one kept for reuse if
+    // there is one, and the end of one, which is kept for the next if it is small.
+    nk_telegram* makeOutgoing(unsigned int id, unsigned int destAddress, tBlob* content, tResponseCallback responseCb,
+                              bool isResponse, void* userData);
+    void retireOutgoing(nk_telegram* t);
     void releaseUnneededBuffers(unsigned int sentBytes, unsigned int parsedBytes);
 
     unsigned int m_u32OwnAddress;
@@ -148,6 +153,9 @@ private:
     nk_telegramPart m_readPart;
     tBlob m_readSpare;
     bool m_bParsing;  // a receive callback that polls reads with a part of its own
+    // A finished small outgoing telegram, with its part and payload storage, that the next
+    // one is built in; guarded by the outgoing lock.
+    nk_telegram* m_pSpareTelegram;
 };
 
 #endif

@@ -170,6 +170,8 @@ private:
     // this part and spare from frame to frame reads small frames without allocating.
     int readFrame(tBlob* stream, unsigned int startIndex, unsigned int endIndex, tBlob* appendTo, bool checkBetween,
                   tBlob* spare = nullptr);
+    void setHeader(unsigned int id, unsigned int src, unsigned int dest, unsigned int partId, unsigned int timestamp,
+                   bool lastPart, teType type, teCompression compression);
     // isSinglePartTelegram, decoding through spare in the same way.
     tBlob* isSinglePartTelegram(tBlob& spare);
     // Appends the payload to target and names it there (see host), as if the frame had been
@@ -264,7 +266,20 @@ public:
     unsigned char sendRetries() const { return m_u8SendRetries; }
 
 private:
-    void split(tBlob* work);
+    friend class nk_protocol;
+    // What the outgoing constructor does after setting the fields; a part kept from an
+    // earlier use (see reuse) carries the first part, and the compressed form is written
+    // into its payload storage.
+    void fill(tBlob* content, nk_telegramPart* kept);
+    void split(tBlob* work, nk_telegramPart* kept);
+    // For an engine that keeps one finished outgoing telegram to build the next one in:
+    // prepareForReuse is false (and the telegram should be deleted) unless it is a small
+    // telegram of at most one part, whose storage is then worth keeping; reuse makes it
+    // exactly what the outgoing constructor would have made, keeping its part object and
+    // the part's payload storage, so that a small telegram allocates nothing.
+    bool prepareForReuse(std::size_t keepBytes);
+    void reuse(unsigned int id, unsigned int src, unsigned int dest, tBlob* content, tResponseCallback callback,
+               void* context, bool isResponse, void* userData, bool allowCompression);
     bool isDuplicate(nk_telegramPart* part);
     void filed(nk_telegramPart* part);
     void giveBackJoinedBytes(nk_telegramPart* part);

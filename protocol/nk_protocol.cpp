@@ -71,7 +71,7 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
       m_u32MaxIncomingContexts(0), m_u64MaxIncomingBytes(0),
       m_u32Searched(0),
       m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_bEndFromHeader(false), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
-      m_bSpareFromThisPoll(false), m_u32StreamPeak(0), m_bParsing(false)
+      m_bSpareFromThisPoll(false), m_u32StreamPeak(0), m_bParsing(false), m_pSpareTelegram(nullptr)
 {
     // Engines may be built on different threads; the hook is one word shared by all.
     __atomic_store_n(&m_pFcnLog, logFcn, __ATOMIC_RELEASE);
@@ -91,6 +91,10 @@ nk_protocol::~nk_protocol()
         tCriticalSectionLock lock(m_csOutgoing);
         for (nk_telegram* t : m_outgoing) delete t;
         m_outgoing.clear();
+    }
+    {
+        tCriticalSectionLock lock(m_csOutgoing);
+        delete m_pSpareTelegram;
     }
     delete m_pStream;
     delete m_pSendBuffer;
@@ -127,8 +131,7 @@ void nk_protocol::enqueue_TS(tBlob* content, unsigned int destAddress, tResponse
         // only their own outgoing lock, so the increment itself is atomic as well.
         const unsigned int id = __atomic_add_fetch(&u32TlgNumber, 1u, __ATOMIC_RELAXED);
         try {
-            telegram = new nk_telegram(id, m_u32OwnAddress, destAddress, content, responseCb, m_pContext, false,
-                                       userData, m_bCompressionAllowed);
+            telegram = makeOutgoing(id, destAddress, content, responseCb, false, userData);
             // Set before the telegram is visible to the polling thread, which may send it,
             // time it out or delete it as soon as the lock is free.
             telegram->setTimeout_s(timeout_s != 0 ? timeout_s : m_u32DefaultTimeout_s);
@@ -141,14 +144,35 @@ void nk_protocol::enqueue_TS(tBlob* content, unsigned int destAddress, tResponse
     if (!telegram) log("prot: appending telegram to queue failed");
 }
 
+nk_telegram* nk_protocol::makeOutgoing(unsigned int id, unsigned int destAddress, tBlob* content,
+                                       tResponseCallback responseCb, bool isResponse, void* userData)
+{
+    nk_telegram* t = m_pSpareTelegram;
+    m_pSpareTelegram = nullptr;
+    if (!t)
+        return new nk_telegram(id, m_u32OwnAddress, destAddress, content, responseCb, m_pContext, isResponse, userData,
+                               m_bCompressionAllowed);
+    std::unique_ptr<nk_telegram> reused(t);
+    reused->reuse(id, m_u32OwnAddress, destAddress, content, responseCb, m_pContext, isResponse, userData,
+                  m_bCompressionAllowed);
+    return reused.release();
+}
+
+void nk_protocol::retireOutgoing(nk_telegram* t)
+{
+    if (!m_pSpareTelegram && t->prepareForReuse(kSmallFramesKept))
+        m_pSpareTelegram = t;
+    else
+        delete t;
+}
+
 void nk_protocol::respond_TS(tBlob* content, unsigned int destAddress, unsigned int telegramId)
 {
     tCriticalSectionLock lock(m_csOutgoing);
     log("prot: send response (id: %d; src: %d; dest: %d)", telegramId, m_u32OwnAddress, destAddress);
     nk_telegram* telegram = nullptr;
     try {
-        telegram = new nk_telegram(telegramId, m_u32OwnAddress, destAddress, content, nullptr, m_pContext, true,
-                                   nullptr, m_bCompressionAllowed);
+        telegram = makeOutgoing(telegramId, destAddress, content, nullptr, true, nullptr);
         m_outgoing.push_back(telegram);
     } catch (std::bad_alloc const&) {
         delete telegram;
@@ -207,14 +231,14 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
                 log("outgoing request timed out, notify timeout and remove (tid: %u)", t->telegramId());
                 markOutgoingDeleted(i);
                 t->notifyTimeout();
-                delete t;
+                retireOutgoing(t);
             }
             continue;
         }
         if (!sendFn) {
             log("can't send telegram, no send method, remove telegram");
             markOutgoingDeleted(i);
-            delete t;
+            retireOutgoing(t);
             continue;
         }
         const bool sent = t->send(server, ctx, sendFn, frames);
@@ -223,7 +247,7 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
         if (!sent) {
             log("sending telegram failed, remove it (tid: %u)", t->telegramId());
             markOutgoingDeleted(i);
-            delete t;
+            retireOutgoing(t);
             continue;
         }
         if (t->isResponse()) {
@@ -239,7 +263,7 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
             continue;
         }
         markOutgoingDeleted(i);
-        delete t;
+        retireOutgoing(t);
     }
     if (!m_pSendBuffer && largest > kLargeBuffer) {
         m_pSendBuffer = new tBlob();
@@ -460,7 +484,7 @@ void nk_protocol::handleResponse(nk_telegramPart& part, tBlob* content)
             markOutgoingDeleted(i);
             t->notifyResponse(part.sourceAddress(), content);
             log("remove request");
-            delete t;
+            retireOutgoing(t);
             found = true;
             break;
         }

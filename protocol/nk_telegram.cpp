@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 
 #include "tCompression.h"
 #include "tTime.h"
@@ -13,6 +14,12 @@ const unsigned int kRetryWait_ms = 500;
 const unsigned int kMaxRetries = 4;   // the fifth zero return in a row gives up
 const long long kDefaultTimeout_s = 10;
 const unsigned int kSendBatch = 1u << 20;  // bytes of frames handed to the link per call
+
+nk_basicTelegram::teType outgoingType(bool isResponse, nk_telegram::tResponseCallback callback)
+{
+    if (isResponse) return nk_basicTelegram::TYPE_RESPONSE;
+    return callback ? nk_basicTelegram::TYPE_REQUEST_FORCE_RESPONSE : nk_basicTelegram::TYPE_REQUEST_NO_RESPONSE;
+}
 
 // Hands all of buffer to the link, waiting on EAGAIN; retries counts the zero returns in a row.
 bool sendAll(nk_server* server, void* ctx, nk_telegram::tSendFcn sendFn, tBlob& buffer, unsigned char& retries)
@@ -51,17 +58,59 @@ void nk_telegram::setMaxPayloadSize(unsigned int size)
 nk_telegram::nk_telegram(unsigned int id, unsigned int src, unsigned int dest, tBlob* content,
                          tResponseCallback callback, void* context, bool isResponse, void* userData,
                          bool allowCompression)
-    : nk_basicTelegram(src, dest, id, static_cast<unsigned int>(tTime::now()),
-                       isResponse ? TYPE_RESPONSE : (callback ? TYPE_REQUEST_FORCE_RESPONSE : TYPE_REQUEST_NO_RESPONSE)),
+    : nk_basicTelegram(src, dest, id, static_cast<unsigned int>(tTime::now()), outgoingType(isResponse, callback)),
       m_bSent(false), m_pCallback(callback), m_pContext(context), m_i64Timeout_s(kDefaultTimeout_s),
       m_pUserData(userData), m_bCompressionAllowed(allowCompression), m_u8SendRetries(0), m_bIncoming(false),
       m_u32HighestPartId(0)
 {
+    fill(content, nullptr);
+}
+
+bool nk_telegram::prepareForReuse(std::size_t keepBytes)
+{
+    if (m_bIncoming || m_parts.size() > 1 || (m_pPayload && m_pPayload->capacity() > keepBytes)) return false;
+    nk_telegramPart* part = m_parts.empty() ? nullptr : m_parts[0];
+    if (part && (part->m_pHost || (part->m_pPayload && part->m_pPayload->capacity() > keepBytes))) return false;
+    // Nothing of the application's is kept past its telegram.
+    m_pCallback = nullptr;
+    m_pContext = nullptr;
+    m_pUserData = nullptr;
+    return true;
+}
+
+void nk_telegram::reuse(unsigned int id, unsigned int src, unsigned int dest, tBlob* content,
+                        tResponseCallback callback, void* context, bool isResponse, void* userData,
+                        bool allowCompression)
+{
+    m_u32Src = src;
+    m_u32Dest = dest;
+    m_u32Id = id;
+    m_u32Timestamp = static_cast<unsigned int>(tTime::now());
+    m_eType = outgoingType(isResponse, callback);
+    m_eCompression = COMPRESSION_NONE;
+    if (m_pPayload) m_pPayload->clear();
+    m_bSent = false;
+    m_pCallback = callback;
+    m_pContext = context;
+    m_i64Timeout_s = kDefaultTimeout_s;
+    m_pUserData = userData;
+    m_bCompressionAllowed = allowCompression;
+    m_u8SendRetries = 0;
+    nk_telegramPart* kept = m_parts.empty() ? nullptr : m_parts[0];
+    m_parts.clear();
+    fill(content, kept);
+}
+
+void nk_telegram::fill(tBlob* content, nk_telegramPart* kept)
+{
+    std::unique_ptr<nk_telegramPart> part(kept);
     tBlob compressed;
-    if (checkCompression(content, &compressed))
-        split(&compressed);
+    tBlob* form = part ? part->ownPayload() : &compressed;
+    form->clear();
+    if (checkCompression(content, form))
+        split(form, part.release());
     else if (content)
-        split(content);
+        split(content, part.release());
 }
 
 nk_telegram::nk_telegram(nk_telegramPart* first)
@@ -112,46 +161,65 @@ nk_telegram::~nk_telegram()
 bool nk_telegram::checkCompression(tBlob* content, tBlob* out)
 {
     if (!content || content->size() == 0 || !out || !m_bCompressionAllowed) return false;
-    const unsigned int plain = content->size();
-    // Both sizes come from one cheap pass; only the form that wins is encoded. Short content
-    // never pays with Huffman (its table alone is 128 bytes), so there the byte counts and the
-    // code construction are skipped: the choice is the same, at a fraction of the work.
-    unsigned int rle = 0, huffman = 0;
-    if (tCompression::minHuffmanSize(plain) >= plain) {
-        rle = tCompression::encodedSizeRLE(content->getBuffer(), plain);
-        huffman = ~0u;
-    } else {
-        tCompression::encodedSizes(content->getBuffer(), plain, rle, huffman);
+    if (out->size() != 0) {
+        // The form is built in a blob of its own, so out keeps its bytes when nothing pays.
+        tBlob form;
+        if (!checkCompression(content, &form)) return false;
+        out->swap(form);
+        return true;
     }
+    const unsigned int plain = content->size();
+    if (tCompression::minHuffmanSize(plain) >= plain) {
+        // Short content never pays with Huffman (its table alone is 128 bytes), so the choice
+        // is RLE or nothing: the RLE form is written at once and kept if it is strictly
+        // shorter, one pass over the content where sizing it first would take two.
+        if (tCompression::encodeRLE(*content, *out) && out->size() < plain) {
+            m_eCompression = COMPRESSION_RLE;
+            return true;
+        }
+        out->clear();
+        return false;
+    }
+    // Both sizes come from one cheap pass; only the form that wins is encoded.
+    unsigned int rle = 0, huffman = 0;
+    tCompression::encodedSizes(content->getBuffer(), plain, rle, huffman);
     teCompression choice = COMPRESSION_NONE;
     if (rle < plain)
         choice = huffman < rle ? COMPRESSION_HUFF : COMPRESSION_RLE;
     else if (huffman < plain)
         choice = COMPRESSION_HUFF;
     if (choice == COMPRESSION_NONE) return false;
-    *out = choice == COMPRESSION_RLE ? tCompression::encodeRLE(*content) : tCompression::encodeHuffman(*content);
+    const bool encoded = choice == COMPRESSION_RLE ? tCompression::encodeRLE(*content, *out)
+                                                   : tCompression::encodeHuffman(*content, *out);
+    if (!encoded) return false;
     m_eCompression = choice;
     return true;
 }
 
-void nk_telegram::split(tBlob* work)
+void nk_telegram::split(tBlob* work, nk_telegramPart* kept)
 {
+    std::unique_ptr<nk_telegramPart> reusable(kept);
     const unsigned int total = work->size();
     const unsigned int maxPayload = s_u32MaxPayloadSize;
     if (total == 0) return;
     if (total <= maxPayload) {
-        // One part: the bytes move into it without a copy.
-        nk_telegramPart* only = new nk_telegramPart(m_u32Id, m_u32Src, m_u32Dest, 1, m_u32Timestamp, true, nullptr,
-                                                    m_eType, m_eCompression);
-        only->payload()->swap(*work);
-        work->clear();
-        m_parts.push_back(only);
+        // One part: the bytes move into it without a copy (or were written there).
+        std::unique_ptr<nk_telegramPart> only(reusable ? reusable.release() : new nk_telegramPart());
+        only->setHeader(m_u32Id, m_u32Src, m_u32Dest, 1, m_u32Timestamp, true, m_eType, m_eCompression);
+        tBlob* payload = only->ownPayload();
+        if (work != payload) {
+            payload->swap(*work);
+            work->clear();
+        }
+        m_parts.push_back(only.get());
+        only.release();
         return;
     }
     // Many parts: the telegram keeps the content and each part names its range of it, so
     // cutting copies nothing; the frames are encoded from the content itself.
     ownPayload()->swap(*work);
     work->clear();
+    reusable.reset();
     m_parts.reserve(total / maxPayload + 1);
     unsigned int partId = 0;
     for (unsigned int offset = 0; offset < total;) {

@@ -113,6 +113,19 @@ nk_telegramPart::nk_telegramPart(unsigned int id, unsigned int src, unsigned int
     if (payload && payload->size() != 0) ownPayload()->append(*payload);
 }
 
+void nk_telegramPart::setHeader(unsigned int id, unsigned int src, unsigned int dest, unsigned int partId,
+                                unsigned int timestamp, bool lastPart, teType type, teCompression compression)
+{
+    m_u32Src = src;
+    m_u32Dest = dest;
+    m_u32Id = id;
+    m_u32Timestamp = timestamp;
+    m_eType = type;
+    m_eCompression = compression;
+    m_u32PartId = partId;
+    m_ePartInfo = lastPart ? PARTINFO_LAST_PART : PARTINFO_NOT_LAST_PART;
+}
+
 tString nk_telegramPart::partInfo(tePartInfo info)
 {
     switch (info) {

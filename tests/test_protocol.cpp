@@ -265,6 +265,17 @@ TEST(Protocol, StorageKeptBetweenTelegramsCarriesNothingOver)
         EXPECT_EQ(a.responses[i].tag, static_cast<long long>(i + 1));
         EXPECT_EQ(a.responses[i].content, reversed(sent)) << i;
     }
+    // Built in a kept telegram too, content sent plain is consumed and content sent
+    // compressed is left as it was.
+    tBlob plain = randomBlob(50, 6), compressible(runs);
+    a.engine.enqueue_TS(&plain, 2, nullptr, 0, nullptr);
+    EXPECT_EQ(plain.size(), 0u);
+    pollBoth(a, b);
+    a.engine.enqueue_TS(&compressible, 2, nullptr, 0, nullptr);
+    EXPECT_EQ(compressible, runs);
+    pollBoth(a, b);
+    ASSERT_EQ(b.requests.size(), 2 * contents.size() + 2);
+    EXPECT_EQ(b.requests.back().content, runs);
 }
 
 // A receive callback that polls its own engine: the inner poll reads the next frame while
