@@ -98,6 +98,10 @@ private:
     void keepContentStorage(nk_telegram* complete);
     bool frameMayBeReady();
     void markOutgoingDeleted(std::size_t index);
+    // Under the outgoing lock: appends to the queue, and removes deleted entries, all or
+    // only those at its end.
+    void queueOutgoing(nk_telegram* t);
+    void compactOutgoing(bool tailOnly);
     // Under the outgoing lock: a new outgoing telegram, built in the one kept for reuse if
     // there is one, and the end of one, which is kept for the next if it is small.
     nk_telegram* makeOutgoing(unsigned int id, unsigned int destAddress, tBlob* content, tResponseCallback responseCb,
@@ -125,6 +129,7 @@ private:
     std::map<tContextKey, std::size_t> m_incomingIndex;
     std::size_t m_incomingHoles;       // read without the lock by eraseDeletedTelegrams_TS
     std::size_t m_outgoingHoles;       // null entries in the outgoing queue, likewise
+    std::size_t m_outgoingLength;      // entries in the outgoing queue, likewise
     std::size_t m_oldestIncoming;      // no open context sits before this slot
     unsigned long long m_incomingBytes;  // payload bytes of the parts in open contexts
     unsigned int m_u32MaxIncomingContexts;

@@ -67,7 +67,7 @@ nk_protocol::nk_protocol(unsigned int ownAddress, tRecvCallback recvCb, void* co
                          tProtLogFcn logFcn, void* logContext, tOutputFcn logOutput)
     : tLog(logContext, logOutput), m_u32OwnAddress(ownAddress), m_csIncoming(true), m_csOutgoing(true),
       m_pRecvCb(recvCb), m_pStream(new tBlob()), m_bNewData(false), m_pContext(context),
-      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_incomingHoles(0), m_outgoingHoles(0), m_oldestIncoming(0), m_incomingBytes(0),
+      m_u32DefaultTimeout_s(defaultTimeout_s), m_bCompressionAllowed(true), m_incomingHoles(0), m_outgoingHoles(0), m_outgoingLength(0), m_oldestIncoming(0), m_incomingBytes(0),
       m_u32MaxIncomingContexts(0), m_u64MaxIncomingBytes(0),
       m_u32Searched(0),
       m_u32FirstStart(kNotFound), m_u32FirstEnd(kNotFound), m_bEndFromHeader(false), m_pSendBuffer(nullptr), m_pContentSpare(nullptr),
@@ -135,7 +135,7 @@ void nk_protocol::enqueue_TS(tBlob* content, unsigned int destAddress, tResponse
             // Set before the telegram is visible to the polling thread, which may send it,
             // time it out or delete it as soon as the lock is free.
             telegram->setTimeout_s(timeout_s != 0 ? timeout_s : m_u32DefaultTimeout_s);
-            m_outgoing.push_back(telegram);
+            queueOutgoing(telegram);
         } catch (std::bad_alloc const&) {
             delete telegram;
             telegram = nullptr;
@@ -173,7 +173,7 @@ void nk_protocol::respond_TS(tBlob* content, unsigned int destAddress, unsigned 
     nk_telegram* telegram = nullptr;
     try {
         telegram = makeOutgoing(telegramId, destAddress, content, nullptr, true, nullptr);
-        m_outgoing.push_back(telegram);
+        queueOutgoing(telegram);
     } catch (std::bad_alloc const&) {
         delete telegram;
         log("prot: appending telegram to queue failed");
@@ -221,6 +221,9 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
     tBlob& local = m_smallFrames;
     tBlob* frames = m_pSendBuffer ? m_pSendBuffer : &local;
     unsigned int largest = 0;
+    // An empty queue needs no lock: a telegram that another thread queues meanwhile is
+    // sent by the next poll, as if it had been queued just after this one.
+    if (__atomic_load_n(&m_outgoingLength, __ATOMIC_RELAXED) == 0) return 0;
     tCriticalSectionLock lock(m_csOutgoing);
     // By index: a callback may enqueue, which appends to this very queue.
     for (std::size_t i = 0; i < m_outgoing.size(); ++i) {
@@ -265,6 +268,8 @@ unsigned int nk_protocol::sendAndTimeOut(nk_server* server, void* ctx, tLinkFcn 
         markOutgoingDeleted(i);
         retireOutgoing(t);
     }
+    // Compacted while the lock is held anyway, rather than by a second round trip to it.
+    compactOutgoing(false);
     if (!m_pSendBuffer && largest > kLargeBuffer) {
         m_pSendBuffer = new tBlob();
         m_pSendBuffer->swap(local);
@@ -485,6 +490,9 @@ void nk_protocol::handleResponse(nk_telegramPart& part, tBlob* content)
             t->notifyResponse(part.sourceAddress(), content);
             log("remove request");
             retireOutgoing(t);
+            // Usually the last entry (one request waiting): removed at once, so that the
+            // poll takes no lock again to compact the queue.
+            compactOutgoing(true);
             found = true;
             break;
         }
@@ -624,6 +632,26 @@ void nk_protocol::markOutgoingDeleted(std::size_t index)
     __atomic_add_fetch(&m_outgoingHoles, std::size_t(1), __ATOMIC_RELAXED);
 }
 
+void nk_protocol::queueOutgoing(nk_telegram* t)
+{
+    m_outgoing.push_back(t);
+    __atomic_store_n(&m_outgoingLength, m_outgoing.size(), __ATOMIC_RELAXED);
+}
+
+void nk_protocol::compactOutgoing(bool tailOnly)
+{
+    if (m_outgoingHoles == 0) return;
+    if (tailOnly) {
+        std::size_t removed = 0;
+        for (; !m_outgoing.empty() && !m_outgoing.back(); ++removed) m_outgoing.pop_back();
+        __atomic_sub_fetch(&m_outgoingHoles, removed, __ATOMIC_RELAXED);
+    } else {
+        eraseNulls(m_outgoing);
+        __atomic_store_n(&m_outgoingHoles, std::size_t(0), __ATOMIC_RELAXED);
+    }
+    __atomic_store_n(&m_outgoingLength, m_outgoing.size(), __ATOMIC_RELAXED);
+}
+
 void nk_protocol::eraseDeletedTelegrams_TS()
 {
     // Most polls delete nothing; the counts of deleted entries tell, without either lock, that
@@ -643,8 +671,7 @@ void nk_protocol::eraseDeletedTelegrams_TS()
     }
     if (__atomic_load_n(&m_outgoingHoles, __ATOMIC_RELAXED) == 0) return;
     tCriticalSectionLock lock(m_csOutgoing);
-    eraseNulls(m_outgoing);
-    __atomic_store_n(&m_outgoingHoles, std::size_t(0), __ATOMIC_RELAXED);
+    compactOutgoing(false);
 }
 
 unsigned int nk_protocol::queuedTelegrams_TS()

@@ -245,6 +245,12 @@ bool nk_telegram::send(nk_server* server, void* ctx, tSendFcn sendFn, tBlob* fra
     tBlob local;
     tBlob& buffer = frameBuffer ? *frameBuffer : local;
     buffer.clear();
+    if (m_parts.size() == 1 && m_parts[0]) {
+        // Most telegrams are one part: one frame, one call.
+        if (!m_parts[0]->serialize(&buffer) || !sendAll(server, ctx, sendFn, buffer, m_u8SendRetries)) return false;
+        m_bSent = true;
+        return true;
+    }
     uint64_t frames = 0;
     unsigned int largestFrame = 0;
     for (nk_telegramPart* p : m_parts)
