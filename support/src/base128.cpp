@@ -120,12 +120,13 @@ unsigned int encode(unsigned char* dst, unsigned char const* src, unsigned int l
         left -= 7;
         out += 8;
     }
+    // The last 1 to 7 bytes, byte by byte: a call to memcpy for so few costs more.
     unsigned char block[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-    std::memcpy(block, src, left);
+    for (unsigned int i = 0; i < left; ++i) block[i] = src[i];
     unsigned char encoded[8];
     storeBE64(encoded, spread56(loadBE64(block) >> 8));
     unsigned int tail = static_cast<unsigned int>(encodedSize64(left));
-    std::memcpy(out, encoded, tail);
+    for (unsigned int i = 0; i < tail; ++i) out[i] = encoded[i];
     return static_cast<unsigned int>(out - dst) + tail;
 }
 
@@ -158,18 +159,27 @@ unsigned int decodeImpl(unsigned char* dst, unsigned char const* src, unsigned i
         left -= 8;
         out += 7;
     }
-    while (left > 0) {
-        unsigned int take = left < 8 ? left : 8;
+    if (left >= 8) {
+        // The last whole block: its eighth output byte would lie past the end.
+        const uint64_t block = loadBE64(src);
+        if (Check) seen &= block;
+        unsigned char decoded[8];
+        storeBE64(decoded, gather56(block) << 8);
+        std::memcpy(out, decoded, 7);
+        src += 8;
+        left -= 8;
+        out += 7;
+    }
+    if (left > 0) {
+        // 1 to 7 bytes, byte by byte: a call to memcpy for so few costs more.
         unsigned char block[8] = {0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
-        std::memcpy(block, src, take);
+        for (unsigned int i = 0; i < left; ++i) block[i] = src[i];
         const uint64_t v = loadBE64(block);
         if (Check) seen &= v;
         unsigned char decoded[8];
         storeBE64(decoded, gather56(v) << 8);
-        unsigned int produced = take * 7 / 8;
-        std::memcpy(out, decoded, produced);
-        src += take;
-        left -= take;
+        const unsigned int produced = left * 7 / 8;
+        for (unsigned int i = 0; i < produced; ++i) out[i] = decoded[i];
         out += produced;
     }
     if (Check) allEncoded = (seen & 0x8080808080808080ULL) == 0x8080808080808080ULL;
