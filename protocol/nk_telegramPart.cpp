@@ -364,6 +364,7 @@ int nk_telegramPart::readFrame(tBlob* stream, unsigned int startIndex, unsigned 
         // allocation is bounded by the input. It becomes the payload when the frame is good.
         tBlob local;
         tBlob& body = spare && !appendTo ? *spare : local;
+        body.clear();  // what the spare held need not be kept, or moved
         const unsigned int bodyLength = base128::decodedSize(encodedLength);
         unsigned char* b = body.resize(bodyLength);
         unsigned char crc = 0;

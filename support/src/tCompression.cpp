@@ -41,6 +41,7 @@ bool decodeForm(tBlob const& in, tBlob& out, uint64_t (*maxLength)(std::size_t),
         }
         tBlob separate;
         tBlob& result = &in == &out ? separate : out;
+        result.clear();  // its old bytes need not be kept, or moved
         unsigned char* buffer = result.resize(length);
         const bool ok = decodeBody(p + compression::kHeaderBytes, bodyBytes, buffer, length);
         if (!ok) {
@@ -83,6 +84,7 @@ bool tCompression::encodeRLE(tBlob const& in, tBlob& out)
             out.clear();
             return false;
         }
+        result.clear();  // its old bytes need not be kept, or moved
         unsigned char* buffer = result.resize(static_cast<unsigned int>(room));
         writeLE<uint32_t>(buffer, static_cast<uint32_t>(length));
         const std::size_t body = packbits::encodeBody(data, length, buffer + compression::kHeaderBytes);
@@ -112,6 +114,7 @@ bool tCompression::encodeHuffman(tBlob const& in, tBlob& out)
             return false;
         }
         // The bit writer stores 8 bytes at a time, so it gets 8 bytes of room past the end.
+        result.clear();  // its old bytes need not be kept, or moved
         unsigned char* buffer = result.resize(static_cast<unsigned int>(size + (length ? 8 : 0)));
         writeLE<uint32_t>(buffer, static_cast<uint32_t>(length));
         if (length) huffman::encodeBody(data, length, lengths, buffer + compression::kHeaderBytes);
