@@ -25,6 +25,13 @@ const unsigned int kSearchedAnyway = 4096;
 // their header says whether the payload belongs onto an open context.
 const unsigned int kSmallFrame = 1024;
 
+// For the counts that change only under a lock and are also read without it: a load and a
+// store, since no other thread changes them meanwhile, instead of a locked add.
+void addToCount(std::size_t& count, std::size_t delta)
+{
+    __atomic_store_n(&count, __atomic_load_n(&count, __ATOMIC_RELAXED) + delta, __ATOMIC_RELAXED);
+}
+
 template <typename T>
 void eraseNulls(tVector<T*>& list)
 {
@@ -617,7 +624,7 @@ nk_telegram* nk_protocol::releaseIncoming(std::size_t index)
     for (unsigned int i = 0; i < t->partCount(); ++i)
         if (nk_telegramPart* p = t->part(i)) m_incomingBytes -= p->payloadLength();
     m_incoming[index] = nullptr;
-    __atomic_add_fetch(&m_incomingHoles, std::size_t(1), __ATOMIC_RELAXED);
+    addToCount(m_incomingHoles, 1);
     return t;
 }
 
@@ -629,7 +636,7 @@ void nk_protocol::dropIncoming(std::size_t index)
 void nk_protocol::markOutgoingDeleted(std::size_t index)
 {
     m_outgoing[index] = nullptr;
-    __atomic_add_fetch(&m_outgoingHoles, std::size_t(1), __ATOMIC_RELAXED);
+    addToCount(m_outgoingHoles, 1);
 }
 
 void nk_protocol::queueOutgoing(nk_telegram* t)
@@ -644,7 +651,7 @@ void nk_protocol::compactOutgoing(bool tailOnly)
     if (tailOnly) {
         std::size_t removed = 0;
         for (; !m_outgoing.empty() && !m_outgoing.back(); ++removed) m_outgoing.pop_back();
-        __atomic_sub_fetch(&m_outgoingHoles, removed, __ATOMIC_RELAXED);
+        addToCount(m_outgoingHoles, 0 - removed);
     } else {
         eraseNulls(m_outgoing);
         __atomic_store_n(&m_outgoingHoles, std::size_t(0), __ATOMIC_RELAXED);
