@@ -11,15 +11,10 @@
 #include "nk_messageState.h"
 #include "station.h"
 #include "tool_error.h"
+#include "scratch_files.h"
 
 namespace
 {
-std::string freshDirectory()
-{
-    char pattern[] = "/tmp/nk-dial-out-test-XXXXXX";
-    return ::mkdtemp(pattern);
-}
-
 // Runs io until done() or the time limit; the limit only keeps a broken build from hanging.
 template <typename Done>
 bool runUntil(asio::io_context& io, Done done, std::chrono::seconds limit = std::chrono::seconds(30))
@@ -48,7 +43,7 @@ DialOut::Options quick()
 TEST(StationDialOut, WorksWithARealDeviceAndTellsWhyItCannot)
 {
     asio::io_context io;
-    const std::string dir = freshDirectory();
+    const std::string dir = freshDirectory("dial-out-test");
     DeviceStore store(dir);
     Device device(store, 7, 1);
     device.load();

@@ -12,15 +12,10 @@
 #include "nk_messageSetSchedules.h"
 #include "schedules_json.h"
 #include "station.h"
+#include "scratch_files.h"
 
 namespace
 {
-std::string freshDirectory()
-{
-    char pattern[] = "/tmp/nk-device-test-XXXXXX";
-    return ::mkdtemp(pattern);
-}
-
 std::unique_ptr<nk_message> roundTrip(Device& device, nk_message& request)
 {
     nk_serializer bytes;
@@ -40,7 +35,7 @@ unsigned int captureFrames(nk_server*, void* ctx, unsigned char* data, unsigned 
 
 TEST(ToolsDevice, ConfirmsAndKeepsWhatItWasSent)
 {
-    const std::string dir = freshDirectory();
+    const std::string dir = freshDirectory("device-test");
     nk_messageSetConfigReq config(nk_message::VERSION_3);
     config.device_setName("hall");
     config.timeSlot_add_ts("day", 28800, 72000, 1u);
@@ -184,7 +179,7 @@ TEST(ToolsDevice, DecoderFindsMultiPartTelegramsAmidGarbage)
 
 TEST(ToolsDevice, AnswersWhatTheLibraryReads)
 {
-    const std::string dir = freshDirectory();
+    const std::string dir = freshDirectory("device-test");
     DeviceStore store(dir);
     Device device(store, 1, 1);
     auto answer = [&device](tBlob bytes) {

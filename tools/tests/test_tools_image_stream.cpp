@@ -17,30 +17,13 @@
 #include "endpoint.h"
 #include "station.h"
 #include "tcp.h"
+#include "scratch_files.h"
 
 namespace
 {
 const unsigned int kDevice = 1;
 const unsigned int kStation = 100;
 const std::chrono::seconds kPatience(20);  // a bound for a failing test, not a measurement
-
-std::string freshDirectory()
-{
-    char pattern[] = "/tmp/nk-image-stream-XXXXXX";
-    return ::mkdtemp(pattern);
-}
-
-tBlob patterned(unsigned int size, unsigned int seed)
-{
-    tBlob content;
-    unsigned char* bytes = content.resize(size);
-    unsigned int x = seed;
-    for (unsigned int i = 0; i < size; ++i) {
-        x = x * 1103515245u + 12345u;
-        bytes[i] = static_cast<unsigned char>(x >> 16);
-    }
-    return content;
-}
 
 tBlob imageRequest(unsigned long long id, char const* mime, tBlob content,
                    nk_message::teVersion version = nk_message::VERSION_3)
@@ -235,7 +218,7 @@ private:
 
 TEST(ToolsImageStream, StoresWhatArrivesInAnyOrderAndAnswersItsRequest)
 {
-    const std::string dir = freshDirectory();
+    const std::string dir = freshDirectory("image-stream");
     RunningDevice device(dir);
     RawStation station(device.endpoint());
 
@@ -293,7 +276,7 @@ TEST(ToolsImageStream, StoresWhatArrivesInAnyOrderAndAnswersItsRequest)
 
 TEST(ToolsImageStream, RefusedOrBrokenImagesLeaveNothingBehind)
 {
-    const std::string dir = freshDirectory();
+    const std::string dir = freshDirectory("image-stream");
     {
         // A temporary file left by a device that ended mid-transfer goes when the next starts.
         DeviceStore store(dir);

@@ -15,27 +15,10 @@
 #include "image_request_view.h"
 #include "station.h"
 #include "tool_error.h"
+#include "scratch_files.h"
 
 namespace
 {
-std::string freshDirectory()
-{
-    char pattern[] = "/tmp/nk-image-test-XXXXXX";
-    return ::mkdtemp(pattern);
-}
-
-tBlob patterned(unsigned int size, unsigned int seed)
-{
-    tBlob content;
-    unsigned char* bytes = content.resize(size);
-    unsigned int x = seed;
-    for (unsigned int i = 0; i < size; ++i) {
-        x = x * 1103515245u + 12345u;
-        bytes[i] = static_cast<unsigned char>(x >> 16);
-    }
-    return content;
-}
-
 void writeFile(std::string const& path, tBlob const& content)
 {
     std::ofstream out(path, std::ios::binary);
@@ -81,7 +64,7 @@ std::string storedFile(std::string const& dir, std::string const& name)
 
 TEST(ToolsImageTransfer, RequestFromAFileIsTheLibrarysRequest)
 {
-    const std::string dir = freshDirectory();
+    const std::string dir = freshDirectory("image-test");
     for (unsigned int size : {0u, 1u, 1000u, (3u << 20) + 17}) {
         tBlob content = patterned(size, size);
         const std::string path = dir + "/content.pdf";
@@ -152,7 +135,7 @@ TEST(ToolsImageTransfer, ViewReadsWhatTheLibraryReads)
 
 TEST(ToolsImageTransfer, DeviceStoresOnlyMatchingContentAndOneFilePerId)
 {
-    const std::string dir = freshDirectory();
+    const std::string dir = freshDirectory("image-test");
     DeviceStore store(dir);
     Device device(store, 1, 1);
     device.load();
