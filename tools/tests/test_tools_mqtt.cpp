@@ -110,8 +110,10 @@ TEST(ToolsMqtt, EachSimulatedPanelAnswersOnItsOwnTopicsAndIgnoresGarbage)
 
     // Garbage on a panel's down and up topics, and on a topic that names no panel: the panel
     // still answers, the station counts the stray message and nothing else changes.
-    MqttClient intruder(station.io, MqttClient::Options{"127.0.0.1", parseMqttUrl(broker.url()).port, "intruder"},
-                        nullptr);
+    MqttClient::Options intruderOptions;
+    intruderOptions.port = parseMqttUrl(broker.url()).port;
+    intruderOptions.clientId = "intruder";
+    MqttClient intruder(station.io, intruderOptions, nullptr);
     intruder.start();
     ASSERT_TRUE(runUntil(station.io, [&] { return intruder.connected(); }));
     const unsigned char junk[] = {0x02, 0xff, 0x13, 0x00, 0x7f, 0x03, 0x55, 0x02};
