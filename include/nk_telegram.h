@@ -69,6 +69,19 @@ protected:
     // the storage of the encoded form: a reader that keeps spare decodes without allocating.
     void deCompress(tBlob& spare);
 
+    // Every header field but the payload, for telegrams built in reused objects or after
+    // their construction.
+    void setBasicHeader(unsigned int src, unsigned int dest, unsigned int id, unsigned int timestamp, teType type,
+                        teCompression compression)
+    {
+        m_u32Src = src;
+        m_u32Dest = dest;
+        m_u32Id = id;
+        m_u32Timestamp = timestamp;
+        m_eType = type;
+        m_eCompression = compression;
+    }
+
     // The payload blob is made when first needed: a part whose bytes live elsewhere (and
     // many incoming parts do) then costs no blob at all.
     tBlob* ownPayload()

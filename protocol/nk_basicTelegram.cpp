@@ -21,12 +21,8 @@ nk_basicTelegram::nk_basicTelegram(unsigned int src, unsigned int dest, unsigned
 nk_basicTelegram::nk_basicTelegram(nk_basicTelegram* other) : nk_basicTelegram()
 {
     if (!other) return;
-    m_u32Src = other->m_u32Src;
-    m_u32Dest = other->m_u32Dest;
-    m_u32Id = other->m_u32Id;
-    m_u32Timestamp = other->m_u32Timestamp;
-    m_eType = other->m_eType;
-    m_eCompression = other->m_eCompression;
+    setBasicHeader(other->m_u32Src, other->m_u32Dest, other->m_u32Id, other->m_u32Timestamp, other->m_eType,
+                   other->m_eCompression);
     if (other->m_pPayload && other->m_pPayload->size() != 0) ownPayload()->append(*other->m_pPayload);
 }
 

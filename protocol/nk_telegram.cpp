@@ -82,12 +82,8 @@ void nk_telegram::reuse(unsigned int id, unsigned int src, unsigned int dest, tB
                         tResponseCallback callback, void* context, bool isResponse, void* userData,
                         bool allowCompression)
 {
-    m_u32Src = src;
-    m_u32Dest = dest;
-    m_u32Id = id;
-    m_u32Timestamp = static_cast<unsigned int>(tTime::now());
-    m_eType = outgoingType(isResponse, callback);
-    m_eCompression = COMPRESSION_NONE;
+    setBasicHeader(src, dest, id, static_cast<unsigned int>(tTime::now()), outgoingType(isResponse, callback),
+                   COMPRESSION_NONE);
     if (m_pPayload) m_pPayload->clear();
     m_bSent = false;
     m_pCallback = callback;
@@ -129,12 +125,8 @@ nk_telegram::nk_telegram(nk_telegramPart* first, bool takePayload)
     : nk_telegram(takePayload ? nullptr : first)
 {
     if (!first || !takePayload) return;
-    m_u32Src = first->sourceAddress();
-    m_u32Dest = first->destinationAddress();
-    m_u32Id = first->telegramId();
-    m_u32Timestamp = first->timestamp();
-    m_eType = first->type();
-    m_eCompression = first->compression();
+    setBasicHeader(first->sourceAddress(), first->destinationAddress(), first->telegramId(), first->timestamp(),
+                   first->type(), first->compression());
     if (first->m_pHost && first->partId() == 1) {
         // Decoded straight into a blob of the receiver's: that blob's storage becomes the
         // joined content, and the part names its range in it.

@@ -116,12 +116,7 @@ nk_telegramPart::nk_telegramPart(unsigned int id, unsigned int src, unsigned int
 void nk_telegramPart::setHeader(unsigned int id, unsigned int src, unsigned int dest, unsigned int partId,
                                 unsigned int timestamp, bool lastPart, teType type, teCompression compression)
 {
-    m_u32Src = src;
-    m_u32Dest = dest;
-    m_u32Id = id;
-    m_u32Timestamp = timestamp;
-    m_eType = type;
-    m_eCompression = compression;
+    setBasicHeader(src, dest, id, timestamp, type, compression);
     m_u32PartId = partId;
     m_ePartInfo = lastPart ? PARTINFO_LAST_PART : PARTINFO_NOT_LAST_PART;
 }
@@ -370,14 +365,8 @@ int nk_telegramPart::readFrame(tBlob* stream, unsigned int startIndex, unsigned 
         unsigned char crc = 0;
         if (!decodeWithCrc(b, encoded, encodedLength, crc, checkBetween)) return kFrameUnconfirmed;
         if (crc == 0) valid = readBody(body);
-        if (valid && appendTo) {
-            // Too short to decode in place: the payload is appended and named from there.
-            tBlob copy;
-            copy.swap(*ownPayload());
-            const unsigned int at = appendTo->size();
-            appendTo->append(copy);
-            host(appendTo, at, copy.size());
-        }
+        // Too short to decode in place: the payload is appended and named from there.
+        if (valid && appendTo) moveOnto(appendTo);
     } else if (encodedLength != 0) {
         // Whole 8-byte groups decode to whole 7-byte groups on their own, so the first 32
         // encoded bytes give the header and the first three payload bytes, and the rest
