@@ -4,8 +4,10 @@
 // Scratch directories and reproducible file content for the tools' unit tests.
 
 #include <cstdlib>
+#include <dirent.h>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "tBlob.h"
 
@@ -15,6 +17,18 @@ inline std::string freshDirectory(std::string const& purpose)
     std::string path = "/tmp/nk-" + purpose + "-XXXXXX";
     if (!::mkdtemp(&path[0])) throw std::runtime_error("cannot make a directory like " + path);
     return path;
+}
+
+// The names in directory, in the order they are read, without those starting with a dot.
+inline std::vector<std::string> filesIn(std::string const& directory)
+{
+    std::vector<std::string> names;
+    if (DIR* dir = ::opendir(directory.c_str())) {
+        while (dirent* entry = ::readdir(dir))
+            if (entry->d_name[0] != '.') names.push_back(entry->d_name);
+        ::closedir(dir);
+    }
+    return names;
 }
 
 // size bytes that compress poorly, the same for the same seed.

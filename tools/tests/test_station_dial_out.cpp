@@ -24,8 +24,17 @@ bool runUntil(asio::io_context& io, Done done, std::chrono::seconds limit = std:
     return done();
 }
 
+// What a dial-out reports through its handlers, in order.
 struct Events
 {
+    void watch(DialOut& dialOut)
+    {
+        dialOut.onUp([this](unsigned int address) { up.push_back(address); });
+        dialOut.onDown([this](unsigned int, std::string const& reason, bool wasRefused) {
+            down.push_back(reason);
+            refused.push_back(wasRefused);
+        });
+    }
     std::vector<unsigned int> up;
     std::vector<std::string> down;
     std::vector<bool> refused;
@@ -54,11 +63,7 @@ TEST(StationDialOut, WorksWithARealDeviceAndTellsWhyItCannot)
 
     Events events;
     DialOut dialOut(io, quick());
-    dialOut.onUp([&](unsigned int address) { events.up.push_back(address); });
-    dialOut.onDown([&](unsigned int, std::string const& reason, bool refused) {
-        events.down.push_back(reason);
-        events.refused.push_back(refused);
-    });
+    events.watch(dialOut);
 
     // Asked before the connection is made: refused later, not at once, and with the reason.
     nk_messageStateReq state(nk_message::VERSION_2);
@@ -125,11 +130,7 @@ TEST(StationDialOut, ARequestUnderWayFailsAtOnceWhenThePanelDropsTheConnection)
 
     Events events;
     DialOut dialOut(io, quick());
-    dialOut.onUp([&](unsigned int address) { events.up.push_back(address); });
-    dialOut.onDown([&](unsigned int, std::string const& reason, bool refused) {
-        events.down.push_back(reason);
-        events.refused.push_back(refused);
-    });
+    events.watch(dialOut);
     dialOut.add(3, Endpoint{"127.0.0.1", port});
     ASSERT_TRUE(runUntil(io, [&] { return dialOut.connected(3); }));
 

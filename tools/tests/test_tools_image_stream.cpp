@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <dirent.h>
 #include <fstream>
 #include <future>
 #include <poll.h>
@@ -57,17 +56,6 @@ tBlob frames(tBlob const& content, unsigned int telegramId, unsigned int partByt
     tBlob bytes;
     for (unsigned int part : order) bytes.append(frame(content, telegramId, partBytes, part));
     return bytes;
-}
-
-std::vector<std::string> filesIn(std::string const& directory)
-{
-    std::vector<std::string> names;
-    if (DIR* dir = ::opendir(directory.c_str())) {
-        while (dirent* entry = ::readdir(dir))
-            if (entry->d_name[0] != '.') names.push_back(entry->d_name);
-        ::closedir(dir);
-    }
-    return names;
 }
 
 bool anyTemporary(std::string const& directory)

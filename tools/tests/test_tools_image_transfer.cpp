@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <dirent.h>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -42,17 +41,6 @@ ExitCode codeOf(std::string const& path, std::uint64_t limit)
         return e.code;
     }
     return EXIT_OK;
-}
-
-std::vector<std::string> filesIn(std::string const& directory)
-{
-    std::vector<std::string> names;
-    if (DIR* dir = ::opendir(directory.c_str())) {
-        while (dirent* entry = ::readdir(dir))
-            if (entry->d_name[0] != '.') names.push_back(entry->d_name);
-        ::closedir(dir);
-    }
-    return names;
 }
 
 std::string storedFile(std::string const& dir, std::string const& name)
