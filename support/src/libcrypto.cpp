@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 
 #include <cstdio>
-#include <mutex>
 
 #include <openssl/opensslv.h>
 
@@ -55,9 +54,8 @@ LibCrypto const* open()
 
 LibCrypto const* libCrypto()
 {
-    static std::once_flag once;
-    static LibCrypto const* functions = nullptr;
-    std::call_once(once, [] { functions = open(); });
+    // Opened once, by the first caller; others wait for it (a static's initialisation).
+    static LibCrypto const* const functions = open();
     return functions;
 }
 }
